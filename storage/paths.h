@@ -1,0 +1,36 @@
+// Client paths to local paths, and whether a number of bytes fits at a path.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "plugin/util.h"
+
+namespace storage {
+
+inline constexpr std::string_view drives_root = "/opt/vtrhttpd/localhost.drives";           // 30
+inline constexpr std::string_view reserved_area = "/opt/vtrhttpd/localhost.drives/.reserved";  // 40
+inline constexpr int64_t reserved_quota = 20971520;  // 20 MiB
+static_assert(drives_root.size() == 30 && reserved_area.size() == 40);
+
+enum translate_kind : int32_t { untranslatable = -1, network_path = 1, local_path = 2 };
+
+// Rewrites the path held in a 4096-byte buffer in place: 1 for an "smb://" or
+// "nfs://" address now holding its mount path, 2 for a local path now
+// absolute under the drives root, -1 when the address cannot be resolved or
+// the result would not fit (the buffer is then left unchanged).
+int32_t translate_storage_path(plugin::path_buffer &path) noexcept;
+
+// Copies a client argument into a path buffer; false when it does not fit
+// (the caller then answers with its translation failure code).
+bool load_path(plugin::path_buffer &buffer, const char *argument) noexcept;
+
+// load_path followed by translate_storage_path; the translation result, or
+// -1 when the argument is missing or too long.
+int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) noexcept;
+
+// 0 when `needed` bytes fit at path, 1 when they do not or path is null. The
+// reserved area below the drives root has a fixed 20 MiB quota.
+int32_t check_free_space(uint32_t needed, const char *path) noexcept;
+
+}  // namespace storage

@@ -1,0 +1,115 @@
+// Path translation, the "%" rule, over-long paths and the MIME lookup's
+// tricky keys.
+#include <gtest/gtest.h>
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mime_rows.h"
+#include "storage/mime.h"
+#include "storage/paths.h"
+
+namespace {
+
+std::string translate(const std::string &in, int32_t *kind) {
+    plugin::path_buffer b;
+    std::memset(b, 'Z', sizeof b);
+    std::memcpy(b, in.c_str(), in.size() + 1);
+    *kind = storage::translate_storage_path(b);
+    return b;
+}
+
+TEST(TranslateStoragePath, LocalForms) {
+    struct row { const char *in; const char *out; };
+    const row rows[] = {
+        {"USB_DRIVE/a.txt", "/opt/vtrhttpd/localhost.drives/USB_DRIVE/a.txt"},
+        {"/USB_DRIVE/a.txt", "/opt/vtrhttpd/localhost.drives/USB_DRIVE/a.txt"},
+        {"", "/opt/vtrhttpd/localhost.drives/"},
+        {"SMB://host/x", "/opt/vtrhttpd/localhost.drives/SMB://host/x"},
+        {"/opt/vtrhttpd/localhost.drives/A/b", "/opt/vtrhttpd/localhost.drives/A/b"},
+        // prefix comparison only
+        {"/opt/vtrhttpd/localhost.drivesX/b", "/opt/vtrhttpd/localhost.drivesX/b"},
+        // a doubled percent sign becomes one, nothing else is interpreted
+        {"/opt/vtrhttpd/localhost.drives/A/100%%_%s%n%x", "/opt/vtrhttpd/localhost.drives/A/100%_%s%n%x"},
+        // relative paths are taken literally
+        {"A/%s%%", "/opt/vtrhttpd/localhost.drives/A/%s%%"},
+    };
+    for (const row &r : rows) {
+        int32_t kind = 0;
+        EXPECT_EQ(translate(r.in, &kind), r.out) << r.in;
+        EXPECT_EQ(kind, 2) << r.in;
+        // translating twice is harmless (but for "%%")
+        if (!std::strstr(r.in, "%%")) {
+            EXPECT_EQ(translate(r.out, &kind), r.out);
+        }
+    }
+}
+
+TEST(TranslateStoragePath, OverLongPathsFailAndLeaveTheBufferAlone) {
+    std::string near(4095 - 30, 'a');  // becomes root + "/" + 4065 = 4096 characters: too long
+    int32_t kind = 0;
+    std::string out = translate(near, &kind);
+    EXPECT_EQ(kind, -1);
+    EXPECT_EQ(out, near);
+    std::string fits(4095 - 31, 'a');
+    out = translate(fits, &kind);
+    EXPECT_EQ(kind, 2);
+    EXPECT_EQ(out.size(), 4095u);
+
+    plugin::path_buffer b;
+    std::string too_long(4096, 'x');
+    EXPECT_EQ(storage::load_and_translate(b, too_long.c_str()), -1);
+    EXPECT_EQ(storage::load_and_translate(b, nullptr), -1);
+}
+
+TEST(CheckFreeSpace, NullPathNeverFits) { EXPECT_EQ(storage::check_free_space(0, nullptr), 1); }
+
+TEST(MimeTable, ExportedOrderIsTheStableSortOfTheStoredRows) {
+    std::vector<std::pair<const char *, const char *>> sorted(stored_mime_rows.begin(), stored_mime_rows.end());
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const auto &a, const auto &b) { return ::strcasecmp(a.first, b.first) < 0; });
+    storage::sort_mime_table();
+    for (int i = 0; i < mime_table_size; ++i) {
+        EXPECT_STREQ(file_mime_table[i].extension, sorted[i].first) << i;
+        EXPECT_STREQ(file_mime_table[i].type, sorted[i].second) << i;
+    }
+}
+
+TEST(MimeTable, SortRestoresAReorderedTable) {
+    MimeEntry saved[mime_table_size];
+    std::memcpy(saved, file_mime_table, sizeof saved);
+    std::reverse(file_mime_table, file_mime_table + mime_table_size);
+    storage::sort_mime_table();
+    EXPECT_STREQ(storage::mime_type_for_path("a.mpe"), "video/mpeg");
+    EXPECT_EQ(std::memcmp(saved, file_mime_table, sizeof saved), 0);
+}
+
+TEST(MimeLookup, TrickyKeys) {
+    struct row { const char *path; const char *type; };
+    const row rows[] = {
+        {"A.MP3", "audio/mpeg"}, {"a.mp3", "audio/mpeg"}, {"x.JPE", "image/jpeg"},
+        {"noext", "none"}, {"trailing.", "none"}, {"music.old/track", "none"},
+        {".mp3", "audio/mpeg"}, {"movie.mp4.part", "none"}, {"a.m2ts", "video/m2ts"},
+        {"a.ts", "video/mpeg"}, {"a.mpe", "video/mpeg"}, {"Photos.jpg", "image/jpeg"},
+        {"x.dvr-ms", "video/dvr-ms"}, {"x.torrent", "torrent"}, {"x.swf", "application/x-shockwave-flash"},
+        {"/a.b/c.mkv", "video/mkv"}, {"", "none"},
+    };
+    storage::sort_mime_table();
+    for (const row &r : rows) EXPECT_STREQ(storage::mime_type_for_path(r.path), r.type) << r.path;
+    EXPECT_EQ(storage::mime_type_for_path("x.unknown"), storage::mime_none);
+}
+
+TEST(MimeLookup, EveryExtensionFindsItsOwnRow) {
+    // With duplicates the first row met by the search wins; only ".mpe" has one.
+    for (const auto &[ext, type] : stored_mime_rows) {
+        std::string name = std::string("file") + ext;
+        if (std::strcmp(ext, ".mpe") == 0) continue;
+        EXPECT_STREQ(storage::mime_type_for_path(name.c_str()), type) << ext;
+    }
+}
+
+}  // namespace
