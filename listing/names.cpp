@@ -1,0 +1,106 @@
+#include "listing/names.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "platform/host_api.h"
+#include "plugin/util.h"
+
+namespace listing {
+namespace {
+
+constexpr int netfs_pairs = 21;
+constexpr std::size_t label_answer_max = 256;  // what the lookup ever returned
+
+void write_unknown(std::span<char> out) noexcept { plugin::copy_text(out, "Unknown"); }
+
+// The first line of the drive name list that holds `key`, searched literally.
+// Reads the whole file once (it is a few lines long).
+bool find_label(std::string_view key, std::span<char> out) noexcept {
+    plugin::unique_fd fd(::open("/tmp/usb_name.txt", O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) return false;
+    char chunk[4096];
+    char line[4096];
+    std::size_t used = 0;
+    for (;;) {
+        ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
+        if (n < 0) return false;
+        bool at_end = n == 0;
+        for (ssize_t i = 0; i <= n; ++i) {
+            bool line_end = (i < n && chunk[i] == '\n') || (i == n && at_end && used > 0);
+            if (i == n && !line_end) break;
+            if (!line_end) {
+                if (used + 1 < sizeof line)
+                    line[used++] = chunk[i];
+                // the rest of a very long line is ignored
+                continue;
+            }
+            std::string_view text(line, used);
+            used = 0;
+            if (text.find(key) == std::string_view::npos) continue;
+            // cut -d"|" -f2: the text between the first and the second "|"
+            std::size_t first = text.find('|');
+            std::string_view field = text.substr(first + 1);
+            field = field.substr(0, field.find('|'));
+            if (field.size() > label_answer_max) field = field.substr(0, label_answer_max);
+            plugin::copy_text(out, field);
+            return true;
+        }
+        if (at_end) return false;
+    }
+}
+
+}  // namespace
+
+void share_display_name(const char *url, std::span<char> out) noexcept {
+    if (url == nullptr || std::strlen(url) < 6) {
+        write_unknown(out);
+        return;
+    }
+    const char *share_start = std::strchr(url + 6, '/');
+    if (share_start == nullptr) {
+        write_unknown(out);
+        return;
+    }
+    const char *share_end = std::strchr(share_start + 1, '/');
+    std::string_view share = share_end == nullptr ? std::string_view(url)
+                                                  : std::string_view(url, static_cast<std::size_t>(share_end - url));
+    for (int n = 0; n < netfs_pairs; ++n) {
+        char name[32];
+        std::snprintf(name, sizeof name, "netfs_url%d", n);
+        plugin::unique_malloc<char> configured(get_var_mem(name));
+        if (configured == nullptr || share != configured.get()) continue;
+        std::snprintf(name, sizeof name, "netfs_name%d", n);
+        plugin::unique_malloc<char> label(get_var_mem(name));
+        if (label == nullptr) {
+            // the variable vanished between the two reads: nothing to copy
+            write_unknown(out);
+        } else {
+            plugin::copy_text(out, label.get());
+        }
+        return;
+    }
+    write_unknown(out);
+}
+
+void drive_display_name(const char *path, std::span<char> out) noexcept {
+    if (path == nullptr) {
+        write_unknown(out);
+        return;
+    }
+    std::string_view rest(path);
+    constexpr std::string_view root_and_slash = "/opt/vtrhttpd/localhost.drives/";
+    if (rest.substr(0, root_and_slash.size()) == root_and_slash) rest.remove_prefix(root_and_slash.size());
+    std::string_view drive = rest.substr(0, rest.find('/'));
+    char key[4096 + 2];
+    if (!plugin::format_into(key, "%.*s|", static_cast<int>(drive.size()), drive.data()) ||
+        !find_label(key, out))
+        write_unknown(out);
+}
+
+}  // namespace listing
