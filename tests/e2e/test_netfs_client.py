@@ -130,7 +130,7 @@ def test_keyword_search_recursive_and_flat(share):
     client(line.replace("keyword=A", "keyword=b") + "&level=0")
     recs = records()
     assert [(f[0], u) for f, u in recs[1:]] == [
-        ("b.mkv", URL + "/b.mkv"), ("B-side.flac", URL + "/alpha/inner/B-side.flac"),
+        ("B-side.flac", URL + "/alpha/inner/B-side.flac"), ("b.mkv", URL + "/b.mkv"),
         ("deep_b.avi", URL + "/alpha/deep_b.avi")]
     assert recs[0][0][:2] == ["3", "0"]
 
