@@ -15,6 +15,7 @@ Fixtures: drives, config, host, fresh_host, make_host, run_cli, fake_bin.
 """
 import json
 import os
+import select
 import shlex
 import shutil
 import subprocess
@@ -47,6 +48,8 @@ TMP_STATE_GLOBS = ["/tmp/fslist*", "/tmp/usr_file_list*", "/tmp/rip*", "/tmp/*.r
                    "/tmp/cd_*", "/tmp/download*"]
 
 VTR_HOST = BUILD_DIR / "vtr-host"
+# Seconds a single request may take (qemu is slow).
+REQUEST_TIMEOUT = float(os.environ.get("VTR_REQUEST_TIMEOUT", "600"))
 PLUGIN = BUILD_DIR / "libvantor_command_server_command_file_operation.so"
 
 
@@ -148,45 +151,57 @@ def host_env(extra=None):
 class Host:
     """A `vtr-host serve-stdio` process: one request per line, answers in order."""
 
-    def __init__(self, env=None, plugin=None):
+    def __init__(self, env=None, plugin=None, cwd="/"):
         cmd = [*EMULATOR, str(VTR_HOST)]
         if plugin:
             cmd += ["--plugin", str(plugin)]
         cmd.append("serve-stdio")
         self.cmd = cmd
         self.env = env
+        self.cwd = str(cwd)
         self.lock = threading.Lock()
         self.proc = None
         self.start()
 
     def start(self):
         self.proc = subprocess.Popen(self.cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     env=host_env(self.env), cwd="/")
+                                     env=host_env(self.env), cwd=self.cwd)
 
     def alive(self):
         return self.proc is not None and self.proc.poll() is None
 
-    def request_line(self, line):
-        """Sends one raw protocol line, returns the parsed JSON answer line."""
+    def request_line(self, line, timeout=REQUEST_TIMEOUT):
+        """Sends one raw protocol line, returns the parsed JSON answer line.
+        A host that does not answer within timeout seconds is killed."""
         with self.lock:
             if not self.alive():
                 raise HostError(f"vtr-host is not running (exit {self.proc.returncode})")
             self.proc.stdin.write(line.encode("ascii") + b"\n")
             self.proc.stdin.flush()
+            ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
+            if not ready:
+                self.proc.kill()
+                self.proc.wait()
+                raise HostError(f"vtr-host did not answer within {timeout} s: {line}")
             out = self.proc.stdout.readline()
             if not out:
                 code = self.proc.wait()
                 raise HostError(f"vtr-host died (exit status {code}) on {line}")
             return json.loads(out)
 
-    def run(self, *args):
+    def run(self, *args, timeout=REQUEST_TIMEOUT):
         """Runs one request: run("list_user_storage_file", "USB", ...).
         Arguments may be str or bytes."""
         line = json.dumps([to_wire(a) for a in args])
-        obj = self.request_line(line)
+        obj = self.request_line(line, timeout)
         if "error" in obj:
             raise HostError(obj["error"])
         return Answer(obj["result"], Node.from_json(obj["answer"]))
+
+    def stats(self):
+        """The host's own counters: {"live_nodes": N, "orphan_nodes": M}
+        (XML nodes alive; those never appended to any tree)."""
+        return self.request_line('["vtr-host:stats"]')["stats"]
 
     def close(self):
         if self.proc is None:
@@ -264,8 +279,11 @@ class Config:
         self.write()
 
     def write(self):
+        # Replaced in one step: a host thread reading it never sees half a file.
         self.path.parent.mkdir(parents=True, exist_ok=True)
-        self.path.write_text("".join(f"{k}={v}\n" for k, v in self.values.items()))
+        tmp = self.path.with_name(self.path.name + ".new")
+        tmp.write_text("".join(f"{k}={v}\n" for k, v in self.values.items()))
+        os.replace(tmp, self.path)
 
     def __setitem__(self, key, value):
         self.values[key] = str(value)
@@ -353,11 +371,11 @@ def host(_host_process, drives, config):
 
 @pytest.fixture
 def make_host(drives, config):
-    """Factory for extra host processes: make_host(env={...}, plugin=path)."""
+    """Factory for extra host processes: make_host(env={...}, plugin=path, cwd=dir)."""
     made = []
 
-    def make(env=None, plugin=None):
-        h = Host(env=env, plugin=plugin)
+    def make(env=None, plugin=None, cwd="/"):
+        h = Host(env=env, plugin=plugin, cwd=cwd)
         made.append(h)
         return h
 
