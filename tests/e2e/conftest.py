@@ -43,9 +43,10 @@ FAKE_BIN = OPT / "testbin"
 TMP_STATE = [
     "/tmp/fslist", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/usb_name.txt",
     "/tmp/netfs_client.log", "/tmp/vtr_framework_pipe",
+    # the ripper's status and control files
+    "/tmp/RippingStatus.txt", "/tmp/AlbumeName.txt", "/tmp/TrackNumber.txt", "/tmp/list.txt",
+    "/tmp/kill_paranoia",
 ]
-TMP_STATE_GLOBS = ["/tmp/fslist*", "/tmp/usr_file_list*", "/tmp/rip*", "/tmp/*.rip*",
-                   "/tmp/cd_*", "/tmp/download*"]
 
 VTR_HOST = BUILD_DIR / "vtr-host"
 # Seconds a single request may take (qemu is slow).
@@ -250,12 +251,6 @@ def drives():
             shutil.rmtree(p, ignore_errors=True)
         else:
             p.unlink(missing_ok=True)
-    for pattern in TMP_STATE_GLOBS:
-        for p in Path("/tmp").glob(pattern[len("/tmp/"):]):
-            if p.is_dir() and not p.is_symlink():
-                shutil.rmtree(p, ignore_errors=True)
-            else:
-                p.unlink(missing_ok=True)
     Path("/dev/cdrom").unlink(missing_ok=True)
     DEFAULT.mkdir(parents=True, exist_ok=True)
     client = TOOLS_DIR / "netfs_client"
@@ -401,3 +396,69 @@ def run_cli(drives, config):
         return subprocess.run(cmd, capture_output=True, env=host_env(env), cwd="/", timeout=timeout)
 
     return run
+
+
+@pytest.fixture
+def usb_names(drives):
+    """usb_names({"USB_DRIVE_A-1": "My Stick"}) writes /tmp/usb_name.txt
+    (folder name, "|", display name, one line each)."""
+
+    def write(names):
+        Path("/tmp/usb_name.txt").write_text("".join(f"{k}|{v}\n" for k, v in names.items()))
+
+    return write
+
+
+class FrameworkPipe:
+    """Reader of /tmp/vtr_framework_pipe, as the player's user interface.
+    The FIFO is opened read-write so it always has a reader and never
+    reports end of file; lines are collected by a thread."""
+
+    PATH = Path("/tmp/vtr_framework_pipe")
+
+    def __init__(self):
+        self.PATH.unlink(missing_ok=True)
+        os.mkfifo(self.PATH, 0o666)
+        self.fd = os.open(self.PATH, os.O_RDWR | os.O_NONBLOCK)
+        self.lines = []
+        self._partial = b""
+        self._cond = threading.Condition()
+        self._stop = False
+        self._thread = threading.Thread(target=self._reader, daemon=True)
+        self._thread.start()
+
+    def _reader(self):
+        while not self._stop:
+            ready, _, _ = select.select([self.fd], [], [], 0.05)
+            if not ready:
+                continue
+            try:
+                data = os.read(self.fd, 65536)
+            except BlockingIOError:
+                continue
+            with self._cond:
+                self._partial += data
+                *done, self._partial = self._partial.split(b"\n")
+                self.lines.extend(d.decode("latin-1") for d in done)
+                self._cond.notify_all()
+
+    def wait_for(self, predicate, timeout=60):
+        """Waits until predicate(lines) is true; returns the lines."""
+        with self._cond:
+            if not self._cond.wait_for(lambda: predicate(self.lines), timeout):
+                raise AssertionError(f"framework pipe: condition not met; lines: {self.lines}")
+            return list(self.lines)
+
+    def close(self):
+        self._stop = True
+        self._thread.join()
+        os.close(self.fd)
+        self.PATH.unlink(missing_ok=True)
+
+
+@pytest.fixture
+def framework_pipe(drives):
+    """The progress-event FIFO with a reader: .lines, .wait_for(pred, timeout)."""
+    p = FrameworkPipe()
+    yield p
+    p.close()

@@ -137,3 +137,12 @@ def test_answer_trees_are_released_after_each_request(fresh_host):
     for _ in range(3):
         assert fresh_host.run("no_such_user_command", "x").result == 1
     assert fresh_host.stats() == {"live_nodes": 0, "orphan_nodes": 0}
+
+
+def test_framework_pipe_fixture_collects_lines(framework_pipe):
+    # What a batch thread does: open write-only without blocking, write lines.
+    fd = os.open("/tmp/vtr_framework_pipe", os.O_WRONLY | os.O_NONBLOCK)
+    os.write(fd, b"first line\nsecond ")
+    os.write(fd, b"line\n")
+    os.close(fd)
+    assert framework_pipe.wait_for(lambda lines: len(lines) >= 2, timeout=10) == ["first line", "second line"]
