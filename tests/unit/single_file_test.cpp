@@ -1,6 +1,6 @@
 // The single-file commands' arithmetic and vocabularies: the read span with
-// unsigned 32-bit client counts, the write length, the owner permission
-// text and the errno table of folder creation and rename.
+// unsigned 32-bit client counts, the owner permission text and the errno
+// table of folder creation and rename.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -58,23 +58,6 @@ TEST(ReadSpan, Ranges) {
     for (const row &r : rows)
         EXPECT_EQ(bytes_returned(r.offset, r.count, r.size), r.expected)
             << "offset " << r.offset << " count " << r.count << " size " << r.size;
-}
-
-TEST(ReadSpan, BufferLeavesRoomForTheTerminator) {
-    // count inside the file: count + 1; else total - offset.
-    EXPECT_EQ(storage::plan_read(2, 3, 11).buffer_size, 4u);
-    EXPECT_EQ(storage::plan_read(0, 0, 11).buffer_size, 11u);
-    EXPECT_EQ(storage::plan_read(8, 3, 11).buffer_size, 3u);
-    EXPECT_EQ(storage::plan_read(12, 3, 11).buffer_size, 1u);
-}
-
-TEST(WriteLength, CountZeroMeansAllAndLargerCountsAreClipped) {
-    EXPECT_EQ(storage::write_length(0, 5), 5u);
-    EXPECT_EQ(storage::write_length(3, 5), 3u);
-    EXPECT_EQ(storage::write_length(5, 5), 5u);
-    EXPECT_EQ(storage::write_length(99, 5), 5u);
-    EXPECT_EQ(storage::write_length(UINT32_MAX, 5), 5u);  // "-1"
-    EXPECT_EQ(storage::write_length(7, 0), 0u);
 }
 
 TEST(PermissionText, OwnerBitsOnlyInFixedOrder) {
