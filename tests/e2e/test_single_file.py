@@ -4,13 +4,12 @@ with the file-system failures that the result codes stand for."""
 import os
 import struct
 import subprocess
-import threading
 import zlib
 from pathlib import Path
 
 import pytest
 
-from conftest import EMULATOR, VTR_HOST, Host
+from conftest import Host
 
 MiB = 1024 * 1024
 
@@ -443,16 +442,14 @@ def test_over_long_paths_get_the_translation_failure_code(host, drives, words, c
     assert (drives / "HDD/f").exists()
 
 
-def non_root_host():
+class OtherUserHost(Host):
     """A host process of its own running as user 1001 without groups."""
-    h = Host.__new__(Host)
-    h.cmd = ["setpriv", "--reuid=1001", "--regid=1001", "--clear-groups", *EMULATOR, str(VTR_HOST),
-             "serve-stdio"]
-    h.env = None
-    h.lock = threading.Lock()
-    h.proc = None
-    h.start()
-    return h
+
+    def start(self):
+        switch = ["setpriv", "--reuid=1001", "--regid=1001", "--clear-groups"]
+        if self.cmd[:len(switch)] != switch:
+            self.cmd = switch + self.cmd
+        super().start()
 
 
 def test_permission_denied_as_another_user(drives, config):
@@ -469,7 +466,7 @@ def test_permission_denied_as_another_user(drives, config):
     (user / "mine.txt").write_bytes(b"m")
     os.chown(user / "mine.txt", 1001, 1001)
     locked.chmod(0o555)
-    h = non_root_host()
+    h = OtherUserHost()
     try:
         if h.run("no_such_command").result != 1:
             pytest.skip("the host cannot run as user 1001")
