@@ -4,13 +4,32 @@
 #include <cstring>
 
 #include "plugin/result.h"
+#include "storage/file_commands.h"
+#include "storage/manage_commands.h"
 
 namespace plugin {
 namespace {
 
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
-constexpr std::array<command, 0> user_commands{};
+constexpr std::array user_commands{
+    command{"create_user_storage_file", exactly(2), storage::create_user_storage_file},
+    command{"write_user_storage_file", exactly(5), storage::write_user_storage_file},
+    command{"read_user_storage_file", exactly(4), storage::read_user_storage_file},
+    command{"get_user_storage_file_info", exactly(2), storage::get_user_storage_file_info},
+    command{"copy_user_storage_file", exactly(3),
+            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+                return storage::copy_user_storage_file(slot, request, 0);
+            }},
+    command{"move_user_storage_file", exactly(3),
+            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+                return storage::copy_user_storage_file(slot, request, 1);
+            }},
+    command{"backup_user_storage_file", at_least(3), storage::backup_user_storage_file},
+    command{"delete_user_storage_file", exactly(2), storage::delete_user_storage_file},
+    command{"create_user_storage_directory", exactly(2), storage::create_user_storage_directory},
+    command{"rename_user_storage_file", exactly(3), storage::rename_user_storage_file},
+};
 
 constexpr std::array<command, 0> app_commands{};
 
