@@ -3,6 +3,9 @@
 #include <array>
 #include <cstring>
 
+#include "media/download.h"
+#include "media/hash.h"
+#include "media/subtitle.h"
 #include "plugin/result.h"
 
 namespace plugin {
@@ -10,7 +13,12 @@ namespace {
 
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
-constexpr std::array<command, 0> user_commands{};
+constexpr std::array user_commands{
+    command{"search_user_storage_subtitle", exactly(2), media::search_user_storage_subtitle},
+    command{"calculate_user_storage_file_hash", exactly(2), media::calculate_user_storage_file_hash},
+    command{"verify_user_storage_download_status", exactly(2), file_operation_check_download_target_status},
+    command{"download_user_storage_file", at_least(4), file_operation_download_file},
+};
 
 constexpr std::array<command, 0> app_commands{};
 
