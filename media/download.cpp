@@ -69,6 +69,9 @@ int32_t download(VantorXmlNode *response_slot, CommandRequest *request) noexcept
     if (args->argc < 3 || args->argv[1] == nullptr || args->argv[2] == nullptr) return +rc::bad_path;
     const char *address = args->argv[2];
     if (std::strcmp(address, "undefined") == 0) return +rc::bad_path;
+    // Neither may pass for an option of wget or gunzip: no address and no
+    // storage folder begins with "-".
+    if (address[0] == '-' || args->argv[1][0] == '-') return +rc::bad_path;
     const char *name = args->argc >= 4 ? args->argv[3] : nullptr;  // absent: folder art
     const char *extension = args->argc >= 5 ? args->argv[4] : nullptr;
 

@@ -235,6 +235,8 @@ def test_download_failures(host, server, config):
         assert (a.result, a.tree.children) == (code, []), address
     assert sorted(p.name for p in folder.iterdir()) == ["old.jpg", "x.d"]
     assert download(host, folder, f"http://{closed_port_host()}/x.jpg", "x.jpg").result == 12
+    assert download(host, folder, "--post-file=/etc/passwd", "p.jpg").result == 11
+    assert download(host, "-rf", server.base + "/ok.jpg", "p.jpg").result == 11
     assert host.run("download_user_storage_file", str(folder), server.base + "/ok.jpg").result == 1
 
 
