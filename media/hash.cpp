@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <bit>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -57,10 +58,14 @@ int64_t hash_tail_offset(uint64_t size) noexcept {
 namespace {
 
 uint64_t hash_file(const char *path) noexcept {
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    // Non-blocking so that a FIFO without a writer cannot hold the request;
+    // regular files ignore the flag.
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     FILE *raw = fd >= 0 ? ::fdopen(fd, "rb") : nullptr;
     if (raw == nullptr) {
+        int error = errno;
         if (fd >= 0) ::close(fd);
+        errno = error;
         std::perror("file :");
         return 0;
     }
