@@ -76,7 +76,8 @@ def test_hash_small_cases_folders_urls_and_missing_paths(host, config):
     (share / "v.bin").write_bytes(bytes([1] + [0] * 7 + [2] + [0] * 7))
     (share / "w.bin").write_bytes(b"\xff" * 8 + b"\x01" + b"\x00" * 8)  # 17 - 1 + 1, partial word ignored
     os.mkfifo(share / "fifo")  # never waited on
-    cases = [("smb://nas/public/v.bin", 0, b"13"), ("smb://nas/public/w.bin", 0, b"11"), ("smb://nas/public/fifo", 0, b"0"),
+    cases = [("smb://nas/public/v.bin", 0, b"13"), ("smb://nas/public/w.bin", 0, b"11"),
+             ("smb://nas/public/fifo", 0, b"0"),
              (str(DRIVES), 0, b"0"), ("smb://nas/public", 0, b"0"),
              ("smb://elsewhere/x/v.bin", 8, None), (str(DRIVES / "none.bin"), 11, None)]
     for path, code, text in cases:
