@@ -3,6 +3,9 @@
 #include <array>
 #include <cstring>
 
+#include "media/download.h"
+#include "media/hash.h"
+#include "media/subtitle.h"
 #include "plugin/result.h"
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
@@ -10,8 +13,7 @@
 namespace plugin {
 namespace {
 
-// Rows are compared in this order; each issue that builds a handler adds its
-// row here together with the handler.
+// Rows are compared in this order.
 constexpr std::array user_commands{
     command{"create_user_storage_file", exactly(2), storage::create_user_storage_file},
     command{"write_user_storage_file", exactly(5), storage::write_user_storage_file},
@@ -29,6 +31,10 @@ constexpr std::array user_commands{
     command{"delete_user_storage_file", exactly(2), storage::delete_user_storage_file},
     command{"create_user_storage_directory", exactly(2), storage::create_user_storage_directory},
     command{"rename_user_storage_file", exactly(3), storage::rename_user_storage_file},
+    command{"search_user_storage_subtitle", exactly(2), media::search_user_storage_subtitle},
+    command{"calculate_user_storage_file_hash", exactly(2), media::calculate_user_storage_file_hash},
+    command{"verify_user_storage_download_status", exactly(2), file_operation_check_download_target_status},
+    command{"download_user_storage_file", at_least(4), file_operation_download_file},
 };
 
 constexpr std::array<command, 0> app_commands{};

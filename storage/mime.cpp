@@ -94,6 +94,10 @@ FILEOP_EXPORT MimeEntry file_mime_table[mime_table_size] = {
 }  // extern "C"
 
 namespace storage {
+
+const char mime_none[] = "none";
+const char mime_folder[] = "folder";
+
 namespace {
 
 bool table_in_order() noexcept {

@@ -14,8 +14,8 @@ extern "C" MimeEntry file_mime_table[mime_table_size];
 
 namespace storage {
 
-inline constexpr const char *mime_none = "none";      // unknown type
-inline constexpr const char *mime_folder = "folder";  // given to folders by the listers
+extern const char mime_none[];    // "none": the unknown type
+extern const char mime_folder[];  // "folder": given to folders by the listers
 
 // Puts the exported table in lookup order (case-insensitive by extension,
 // stable); called before lookups, a no-op when already in order.

@@ -1,0 +1,203 @@
+#include "media/download.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "media/hash.h"
+#include "plugin/export.h"
+#include "plugin/result.h"
+#include "plugin/util.h"
+
+namespace media {
+namespace {
+
+using plugin::rc;
+
+constexpr uint64_t minimum_free_kib = 1025;
+// Text in a name that marks the media database's video folders: a name
+// there is always a folder, whether or not it exists yet.
+constexpr std::string_view media_video_folder = "/pvx_database/media/video/";
+
+// The folder argument, or the local path of an "smb://" / "nfs://" folder,
+// copied literally. False when it cannot be resolved or does not fit.
+bool load_folder(plugin::path_buffer &folder, const char *argument) noexcept {
+    if (!plugin::is_network_address(argument)) return plugin::copy_text(folder, argument);
+    plugin::unique_malloc<char> local(vtr_get_smb_nfs_network_url(argument, 5));
+    return local && plugin::copy_text(folder, local.get());
+}
+
+bool metadata_url(std::span<char> out, const char *path_and_query) noexcept {
+    char host[256];
+    metadata_host(host);
+    return plugin::format_into(out, "http://%s%s", host, path_and_query);
+}
+
+// The metadata server's subtitle queries stay packed even when they end in
+// ".gz": the player reads them as fetched.
+bool is_subtitle_query(const char *address) noexcept {
+    char prefix[512];
+    if (!metadata_url(prefix, "/vtrdb/main.php?arg0=get_subtitle")) return false;
+    return std::strncmp(address, prefix, std::strlen(prefix)) == 0;
+}
+
+void answer_path(VantorXmlNode *response_slot, const char *path) noexcept {
+    VantorXmlNode node = nullptr;
+    VANTOR_SIMPLE_XML_new_node(&node, "path", path);
+    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
+}
+
+// Starts a program and waits for it; a child that could not be made is
+// reported the way a failed vfork always was.
+void run_and_wait(const char *const argv[]) noexcept {
+    int status = plugin::run_program(argv);
+#if FILEOP_HAVE_POSIX_SPAWN
+    if (status == -1) std::perror("vfork :\n");
+#else
+    (void)status;  // run_program reported it
+#endif
+}
+
+int32_t download(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return +rc::bad_path;
+    CommandArgs *args = request->args;
+    if (args->argc < 3 || args->argv[1] == nullptr || args->argv[2] == nullptr) return +rc::bad_path;
+    const char *address = args->argv[2];
+    if (std::strcmp(address, "undefined") == 0) return +rc::bad_path;
+    // Neither may pass for an option of wget or gunzip: no address and no
+    // storage folder begins with "-".
+    if (address[0] == '-' || args->argv[1][0] == '-') return +rc::bad_path;
+    const char *name = args->argc >= 4 ? args->argv[3] : nullptr;  // absent: folder art
+    const char *extension = args->argc >= 5 ? args->argv[4] : nullptr;
+
+    plugin::path_buffer folder;
+    if (!load_folder(folder, args->argv[1])) return +rc::bad_path;
+    plugin::path_buffer final_name;
+    bool must_be_new = false;
+    if (!download_final_name(final_name, folder, name, extension, &must_be_new)) return +rc::bad_path;
+    if (must_be_new && ::access(final_name, F_OK) == 0) return +rc::bad_path;
+
+    plugin::unique_malloc<char> work(static_cast<char *>(std::malloc(plugin::path_max)));
+    if (!work) return +rc::io;
+    std::span<char> work_name(work.get(), plugin::path_max);
+    if (!plugin::format_into(work_name, "%s_tmp", final_name)) return +rc::bad_path;
+    ::unlink(work.get());
+    if (!is_subtitle_query(address) && has_gz_suffix(address)) {
+        if (!plugin::append_text(work_name, std::strrchr(address, '.'))) return +rc::bad_path;
+    }
+
+    const char *wget[] = {"wget", "-c", "-T", "20", "--no-check-certificate", "-xqO", work.get(), address, nullptr};
+    run_and_wait(wget);
+    ::sync();
+
+    struct stat st;
+    if (::stat(work.get(), &st) != 0 || st.st_size == 0) {
+        ::unlink(work.get());
+        return +rc::missing_source;
+    }
+    if (has_gz_suffix(work.get())) {
+        const char *gunzip[] = {"gunzip", "-d", work.get(), nullptr};
+        run_and_wait(gunzip);
+        if (::access(work.get(), F_OK) == 0) ::unlink(work.get());
+        work.get()[std::strlen(work.get()) - 3] = '\0';
+    }
+    if (::rename(work.get(), final_name) != 0) {
+        ::unlink(work.get());
+        return +rc::no_permission;
+    }
+    ::chmod(final_name, 0777);
+    answer_path(response_slot, final_name);
+    return +rc::ok;
+}
+
+int32_t check_download_target(CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return +rc::bad_path;
+    CommandArgs *args = request->args;
+    if (args->argc < 2 || args->argv[1] == nullptr) return +rc::bad_path;
+    plugin::path_buffer folder;
+    if (!load_folder(folder, args->argv[1])) return +rc::bad_path;
+    if (file_operation_test_permission(folder) == 0) return +rc::read_only;
+    struct statfs fs;
+    if (::statfs(folder, &fs) != 0) return +rc::no_space;
+    uint64_t free_kib = (static_cast<uint64_t>(fs.f_bavail) * static_cast<uint64_t>(fs.f_bsize)) >> 10;
+    if (free_kib < minimum_free_kib) return +rc::no_space;
+    return file_operation_test_internet_connection() == 0 ? +rc::ok : +rc::unreachable;
+}
+
+}  // namespace
+
+void metadata_host(std::span<char, 256> out) noexcept {
+    plugin::unique_malloc<char> configured(get_var_mem("vtrdb_host"));
+    if (configured && configured.get()[0] != '\0' && plugin::copy_text(out, configured.get())) return;
+    plugin::copy_text(out, default_metadata_host);
+}
+
+bool has_gz_suffix(std::string_view name) noexcept {
+    std::size_t dot = name.rfind('.');
+    return dot != std::string_view::npos && plugin::iequals(name.substr(dot), ".gz");
+}
+
+bool download_final_name(std::span<char> out, const char *folder, const char *name, const char *extension,
+                         bool *must_be_new) noexcept {
+    *must_be_new = false;
+    if (name == nullptr) return plugin::format_into(out, "%s/folder.jpg", folder);
+    if (extension == nullptr || extension[0] == '\0') {
+        *must_be_new = true;
+        return plugin::format_into(out, "%s/%s", folder, name);
+    }
+    if (!plugin::format_into(out, "%s/%s", folder, name)) return false;
+    std::string_view candidate(out.data());
+    if (candidate.find(media_video_folder) != std::string_view::npos || is_path_folder(out.data()) == 1)
+        return plugin::format_into(out, "%s/%s.%s", folder, name, extension);
+    // The name's extension is replaced; a name without one gets it appended.
+    std::string_view stem(name);
+    std::size_t dot = stem.rfind('.');
+    stem = dot == std::string_view::npos ? stem : stem.substr(0, dot);
+    return plugin::format_into(out, "%s/%.*s.%s", folder, static_cast<int>(stem.size()), stem.data(), extension);
+}
+
+}  // namespace media
+
+extern "C" {
+
+FILEOP_EXPORT int file_operation_test_permission(const char *folder) noexcept {
+    if (folder == nullptr) return 0;
+    plugin::path_buffer probe;
+    if (!plugin::format_into(probe, "%s/.permission_test.pvx", folder)) return 0;
+    plugin::unique_fd fd(::open(probe, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!fd.valid()) return 0;
+    fd.reset();
+    ::remove(probe);
+    return 1;
+}
+
+FILEOP_EXPORT int file_operation_test_internet_connection() noexcept {
+    // One try, 20-second time-out, nothing downloaded, errors discarded. The
+    // host name comes from the configuration, so no shell sees it.
+    char url[512];
+    if (!media::metadata_url(url, "/vtrdb/main.php")) return 127 << 8;
+    const char *argv[] = {"wget", url, "-t1", "-T20", "--spider", nullptr};
+    plugin::spawn_options options;
+    options.quiet_stderr = true;
+    return plugin::run_program(argv, options);
+}
+
+FILEOP_EXPORT int32_t file_operation_check_download_target_status(VantorXmlNode * /*response_slot*/,
+                                                                  CommandRequest *request) noexcept {
+    FILEOP_GUARD_BEGIN
+    return media::check_download_target(request);
+    FILEOP_GUARD_END(+plugin::rc::failure)
+}
+
+FILEOP_EXPORT int32_t file_operation_download_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    FILEOP_GUARD_BEGIN
+    return media::download(response_slot, request);
+    FILEOP_GUARD_END(+plugin::rc::failure)
+}
+
+}  // extern "C"

@@ -1,0 +1,71 @@
+#include "media/subtitle.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <string_view>
+
+#include "media/hash.h"
+#include "plugin/result.h"
+#include "plugin/util.h"
+
+namespace media {
+namespace {
+
+// Looked for in this order; compared as written (lower case only).
+constexpr std::array<std::string_view, 6> subtitle_extensions{".ass", ".idx", ".ssa", ".smi", ".srt", ".sub"};
+
+constexpr std::size_t subtitle_path_max = 512;  // stem and candidates
+
+// A folder (a disc folder such as DVD1) keeps its whole path; a file loses
+// its extension, the text from the last "." of its name on. A name without
+// "." keeps the whole path.
+std::string_view subtitle_stem(std::string_view path, bool folder) noexcept {
+    if (folder) return path;
+    std::size_t slash = path.rfind('/');
+    std::size_t dot = path.rfind('.');
+    if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return path;
+    return path.substr(0, dot);
+}
+
+}  // namespace
+
+int32_t search_user_storage_subtitle(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return +plugin::rc::bad_argument;
+    CommandArgs *args = request->args;
+    if (args->argc < 2 || args->argv[1] == nullptr) return +plugin::rc::bad_argument;
+    const char *video = args->argv[1];
+    plugin::unique_malloc<char> resolved;
+    if (plugin::is_network_address(video)) {
+        resolved.reset(vtr_get_smb_nfs_network_url(video, 5));
+        if (!resolved) return +plugin::rc::bad_argument;
+        video = resolved.get();
+    }
+    std::string_view path(video);
+    if (path.size() >= subtitle_path_max) return +plugin::rc::bad_argument;
+    std::string_view stem = subtitle_stem(path, is_path_folder(video) == 1);
+
+    VantorXmlNode subtitles = nullptr;
+    VANTOR_SIMPLE_XML_new_node(&subtitles, "subtitles", "");
+    bool found = false;
+    for (std::string_view extension : subtitle_extensions) {
+        char candidate[subtitle_path_max];
+        // A candidate too long for the buffer is not looked for.
+        if (!plugin::copy_text(candidate, stem) || !plugin::append_text(candidate, extension)) continue;
+        if (::access(candidate, F_OK) != 0) continue;
+        VantorXmlNode node = nullptr;
+        VANTOR_SIMPLE_XML_new_node(&node, "subtitle", candidate);
+        VANTOR_SIMPLE_XML_add_child_node(subtitles, node);
+        found = true;
+    }
+    if (!found) {
+        VantorXmlNode empty = nullptr;
+        VANTOR_SIMPLE_XML_new_node(&empty, "subtitle", "");
+        VANTOR_SIMPLE_XML_add_child_node(subtitles, empty);
+    }
+    VANTOR_SIMPLE_XML_add_child_node(*response_slot, subtitles);
+    return +plugin::rc::ok;
+}
+
+}  // namespace media

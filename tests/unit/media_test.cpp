@@ -1,0 +1,65 @@
+// The hash's 32-bit tail seek, the download's final-name rules and its
+// ".gz" test. The hashes themselves are checked end to end.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "media/download.h"
+#include "media/hash.h"
+
+namespace {
+
+TEST(HashTailOffset, ThirtyTwoBitSeekRule) {
+    constexpr uint64_t GiB = 1ull << 30;
+    struct row { uint64_t size; int64_t offset; };
+    const row rows[] = {
+        {0, -1}, {65535, -1},                          // shorter than a block: the seek fails
+        {65536, 0}, {100000, 34464},                   // head and tail overlap
+        {2 * GiB, 2 * GiB - 65536}, {2 * GiB + 65535, 2 * GiB - 1},
+        {2 * GiB + 65536, -1}, {3 * GiB, -1}, {4 * GiB - 1, -1}, {4 * GiB + 65535, -1},
+        {4 * GiB + 65536, 0}, {5 * GiB, GiB - 65536},  // from the low 32 bits
+        {6 * GiB + 65536, -1},
+    };
+    for (const row &r : rows) EXPECT_EQ(media::hash_tail_offset(r.size), r.offset) << r.size;
+}
+
+TEST(DownloadFinalName, Rules) {
+    // "/" is a folder, "/none" is not.
+    struct row { const char *folder, *name, *extension, *expected; bool must_be_new; };
+    const row rows[] = {
+        {"/d", nullptr, nullptr, "/d/folder.jpg", false},
+        {"/d", "poster.jpg", nullptr, "/d/poster.jpg", true},
+        {"/d", "poster.jpg", "", "/d/poster.jpg", true},
+        {"/none", "poster.jpg", "png", "/none/poster.png", false},
+        {"/none", "a.b.c", "srt", "/none/a.b.srt", false},
+        {"/none", "noext", "srt", "/none/noext.srt", false},  // nothing to replace: appended
+        {"/none", "trailing.", "srt", "/none/trailing.srt", false},
+        {"", "tmp", "srt", "/tmp.srt", false},                 // "/tmp" is a folder: name kept
+        {"/m/pvx_database/media/video", "Film.2020", "jpg", "/m/pvx_database/media/video/Film.2020.jpg", false},
+        {"/m/pvx_database/media", "Film.2020", "jpg", "/m/pvx_database/media/Film.jpg", false},
+        {"/d/100%%_%s", nullptr, nullptr, "/d/100%%_%s/folder.jpg", false},  // copied literally
+    };
+    for (const row &r : rows) {
+        char out[4096];
+        bool must_be_new = !r.must_be_new;
+        ASSERT_TRUE(media::download_final_name(out, r.folder, r.name, r.extension, &must_be_new));
+        EXPECT_STREQ(out, r.expected);
+        EXPECT_EQ(must_be_new, r.must_be_new) << r.expected;
+    }
+    char small[16];
+    bool must_be_new = false;
+    EXPECT_TRUE(media::download_final_name(small, "/abcdefghijkl", "x", nullptr, &must_be_new));
+    EXPECT_FALSE(media::download_final_name(small, "/abcdefghijklm", "x", nullptr, &must_be_new));
+    EXPECT_TRUE(media::download_final_name(small, "/abcdefghij", "x", "y", &must_be_new));
+    EXPECT_FALSE(media::download_final_name(small, "/abcdefghijk", "x", "y", &must_be_new));
+}
+
+TEST(HasGzSuffix, LastDotStartsExactlyGz) {
+    for (const char *yes : {"a.gz", "a.GZ", "a.gZ", "x.tar.gz", "http://h/p/x.Gz"})
+        EXPECT_TRUE(media::has_gz_suffix(yes)) << yes;
+    for (const char *no : {"a.gzip", "a.gz.txt", "gz", "", "a.gz?t=1", "agz"})
+        EXPECT_FALSE(media::has_gz_suffix(no)) << no;
+}
+
+}  // namespace
