@@ -156,20 +156,6 @@ TEST(Scramble, FreshRandomnessGivesDifferentTextsThatBothVerify) {
     EXPECT_GE(texts.size(), 19u);
 }
 
-TEST(Scramble, TheSameSecondDrawsTheSameNumbers) {
-    // The generator of a request is seeded from the clock alone: two
-    // requests in the same second see the same ids and the same filler.
-    app_random a(1750000000), b(1750000000);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(appstore::next_random(a), appstore::next_random(b));
-    for (int i = 0; i < 1000; ++i) {
-        int32_t n = appstore::next_random(a);
-        ASSERT_GE(n, 0);
-        char c = appstore::random_hex_char(a);
-        ASSERT_TRUE(is_hex_char(c));
-        ASSERT_GE(n, 0);
-    }
-}
-
 TEST(Scramble, RefusesOverLongPasswordsAndSmallBuffers) {
     app_random generator(1);
     char text[appstore::scrambled_buffer];
