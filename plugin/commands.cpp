@@ -3,8 +3,10 @@
 #include <array>
 #include <cstring>
 
+#include "appstore/app_storage.h"
 #include "media/download.h"
 #include "media/hash.h"
+#include "media/ripping.h"
 #include "media/subtitle.h"
 #include "plugin/result.h"
 #include "storage/file_commands.h"
@@ -37,9 +39,20 @@ constexpr std::array user_commands{
     command{"download_user_storage_file", at_least(4), file_operation_download_file},
 };
 
-constexpr std::array<command, 0> app_commands{};
+constexpr std::array app_commands{
+    command{"create_app_storage", exactly(3), appstore::create_app_storage},
+    command{"change_app_storage_password", exactly(6), appstore::change_app_storage_password},
+    command{"create_app_storage_file", exactly(5), appstore::create_app_storage_file},
+    command{"write_app_storage_file", exactly(8), appstore::write_app_storage_file},
+    command{"read_app_storage_file", exactly(7), appstore::read_app_storage_file},
+    command{"get_app_storage_file_info", exactly(5), appstore::get_app_storage_file_info},
+    command{"copy_app_storage_file", exactly(6), appstore::copy_app_storage_file},
+    command{"delete_app_storage_file", exactly(5), appstore::delete_app_storage_file},
+    command{"delete_app_storage", exactly(4), appstore::delete_app_storage},
+    command{"delete_all_app_storage", exactly(2), appstore::delete_all_app_storage},
+};
 
-constexpr command_tables tables{user_commands, app_commands, nullptr};
+constexpr command_tables tables{user_commands, app_commands, media::ripping};
 
 int32_t run_row(std::span<const command> rows, const char *name, VantorXmlNode *response_slot,
                 CommandRequest *request, int32_t argc) {
