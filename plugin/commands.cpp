@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 
+#include "listing/list_command.h"
 #include "plugin/result.h"
 
 namespace plugin {
@@ -10,7 +11,9 @@ namespace {
 
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
-constexpr std::array<command, 0> user_commands{};
+constexpr std::array user_commands{
+    command{"list_user_storage_file", at_least(8), listing::list_user_storage_file},
+};
 
 constexpr std::array<command, 0> app_commands{};
 
