@@ -242,8 +242,8 @@ TEST(NetworkLister, AnswerFiles) {
          "</file><file><isFolder>no</isFolder><type>video_iso</type><name>iso</name><path>smb://h/s/i.bin</path>"
          "</file><file><isFolder>no</isFolder><type>others</type><name>clip</name><path>smb://h/s/clip.MKV</path>"
          "</file></fileList><totalFile>4</totalFile><convertPath/>"},
-        {"a 4094-character line is whole; fields are cut at 255",
-         std::string(300, 'n') + "|" + std::string(3789, '0') + "|d|1\nurl=smb://h/s/ok\n7|3|d|10\nurl=x\n",
+        {"a line of 4094 characters with its line feed is whole; fields are cut at 255",
+         std::string(300, 'n') + "|" + std::string(3788, '0') + "|d|1\nurl=smb://h/s/ok\n7|3|d|10\nurl=x\n",
          folders_only,
          "<fileList><file><isFolder>yes</isFolder><name>" + std::string(255, 'n') +
              "</name><path>smb://h/s/ok</path></file></fileList>"
