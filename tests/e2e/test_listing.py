@@ -289,15 +289,20 @@ def test_hand_written_answers(host, hand_written):
         "many|9|Mon Jan  1 00:00:00 2024|12|e|f|g\nsmb://h/s/many\n"    # surplus fields, no url=
         "9|4|d|10\nurl=smb://h/s\n"
         "tune|2|d|2\nurl=smb://h/s/tune.mp3\n")
-    a = ls(host, "smb://h/s", "0", "0", "true", "true", "false", "video")
+    a = ls(host, "smb://h/s", "0", "0", "true", "true", "false", "")
     assert a.result == 0
-    # No entry is listed after the summary, so "fileList" stays before it.
-    assert a.tree.tags == ["fileList", "availableFolder", "availableFile", "totalFile", "convertPath"]
-    x, many = a.tree.find("fileList").findall("file")
+    assert a.tree.tags == ["availableFolder", "availableFile", "fileList", "totalFile", "convertPath"]
+    x, many, tune = a.tree.find("fileList").findall("file")
     assert x.tags == ["name", "path"]
     assert (many.text_of("type"), many.text_of("path")) == (b"dvd_rip", b"smb://h/s/many")
-    assert counts(a) == {"totalFile": b"2", "availableFolder": b"4", "availableFile": b"9"}
+    assert counts(a) == {"totalFile": b"3", "availableFolder": b"4", "availableFile": b"9"}
     assert a.tree.text_of("convertPath") == b""
+
+    # With "video" the rip passes by its code, the others by their addresses;
+    # no entry follows the summary, so "fileList" stays before it.
+    v = ls(host, "smb://h/s", "0", "0", "true", "true", "false", "video")
+    assert names(v) == ["many"]
+    assert v.tree.tags == ["fileList", "availableFolder", "availableFile", "totalFile", "convertPath"]
 
     SMB_OUT.unlink()
     assert ls(host, "smb://h/s").result == 4
