@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "appstore/app_storage.h"
+#include "listing/list_command.h"
 #include "media/download.h"
 #include "media/hash.h"
 #include "media/ripping.h"
@@ -17,6 +18,7 @@ namespace {
 
 // Rows are compared in this order.
 constexpr std::array user_commands{
+    command{"list_user_storage_file", at_least(8), listing::list_user_storage_file},
     command{"create_user_storage_file", exactly(2), storage::create_user_storage_file},
     command{"write_user_storage_file", exactly(5), storage::write_user_storage_file},
     command{"read_user_storage_file", exactly(4), storage::read_user_storage_file},
