@@ -10,6 +10,10 @@ on /opt/vtrhttpd and /tmp and a private /dev). Environment:
   VTR_TOOLS_DIR   folder holding the NATIVE netfs_client and other programs
                   that the plug-in executes through the real kernel
                   (default: VTR_BUILD_DIR)
+  VTR_HOST_WRAPPER  command prefix for every vtr-host process, e.g.
+                  "valgrind --error-exitcode=99 --leak-check=full"
+                  (scripts/valgrind-e2e.sh); a host that exits with 99
+                  fails the test that closes it
 
 Fixtures: drives, config, host, fresh_host, make_host, run_cli, fake_bin.
 """
@@ -29,6 +33,8 @@ BUILD_DIR = Path(os.environ.get("VTR_BUILD_DIR") or REPO / "build").resolve()
 EMULATOR = shlex.split(os.environ.get("VTR_EMULATOR", ""))
 TOOLS_DIR = Path(os.environ.get("VTR_TOOLS_DIR") or BUILD_DIR).resolve()
 CROSS = bool(EMULATOR)
+HOST_WRAPPER = shlex.split(os.environ.get("VTR_HOST_WRAPPER", ""))
+WRAPPER_FAILURE = 99
 
 OPT = Path("/opt/vtrhttpd")
 DRIVES = OPT / "localhost.drives"
@@ -153,7 +159,7 @@ class Host:
     """A `vtr-host serve-stdio` process: one request per line, answers in order."""
 
     def __init__(self, env=None, plugin=None, cwd="/"):
-        cmd = [*EMULATOR, str(VTR_HOST)]
+        cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST)]
         if plugin:
             cmd += ["--plugin", str(plugin)]
         cmd.append("serve-stdio")
@@ -210,13 +216,15 @@ class Host:
         if self.proc.poll() is None:
             self.proc.stdin.close()
             try:
-                self.proc.wait(timeout=30)
+                self.proc.wait(timeout=300 if HOST_WRAPPER else 30)
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
         else:
             self.proc.stdin.close()
         self.proc.stdout.close()
+        if HOST_WRAPPER and self.proc.returncode == WRAPPER_FAILURE:
+            raise HostError(f"{HOST_WRAPPER[0]} reported errors in vtr-host (exit {WRAPPER_FAILURE})")
 
 
 def _empty_folder(path):
@@ -391,7 +399,7 @@ def run_cli(drives, config):
     and returns the CompletedProcess (stdout and stderr as bytes)."""
 
     def run(*args, options=(), env=None, timeout=120):
-        cmd = [*EMULATOR, str(VTR_HOST), *options, "run"]
+        cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *options, "run"]
         cmd += [a if isinstance(a, bytes) else str(a) for a in args]
         return subprocess.run(cmd, capture_output=True, env=host_env(env), cwd="/", timeout=timeout)
 

@@ -1,0 +1,352 @@
+"""Hostile input, damaged state files and a long run in one host process.
+
+Every request here comes from a device on the LAN that may send anything:
+the plug-in must answer with a result code, run no command it was not
+asked to, change nothing but the request's own target and keep its memory
+and descriptors bounded.
+"""
+import hashlib
+import json
+import os
+import re
+import stat
+from pathlib import Path
+
+import pytest
+
+from conftest import CROSS, DRIVES, HOST_WRAPPER, make_fake
+
+DRIVE = "USB_DRIVE_A-1"
+CANARY = Path("/tmp/canary")
+
+# Result codes the handlers give (network errors come back as 1000 + the
+# client's status).
+KNOWN_CODES = {0, 1, 2, 4, 8, 11, 12, 19, 22, 27, 29, 30, 52, 60, 61, 401, 402, 403}
+
+
+def known_code(result):
+    return result in KNOWN_CODES or 1000 <= result < 1256
+
+
+def tree_digest(root, exclude=()):
+    """{relative path: (kind, size, content digest)} of everything below
+    root, without the excluded relative paths and what lies below them."""
+    root = Path(root)
+    out = {}
+    excluded = [os.fsencode(e) for e in exclude]
+
+    def skip(rel):
+        return any(rel == e or rel.startswith(e + b"/") for e in excluded)
+
+    for dirpath, dirnames, filenames in os.walk(os.fsencode(root)):
+        for name in dirnames + filenames:
+            full = os.path.join(dirpath, name)
+            rel = os.path.relpath(full, os.fsencode(root))
+            if skip(rel):
+                continue
+            st = os.lstat(full)
+            if stat.S_ISREG(st.st_mode):
+                with open(full, "rb") as f:
+                    out[rel] = ("f", st.st_size, hashlib.sha256(f.read()).hexdigest(), st.st_mode & 0o7777)
+            else:
+                out[rel] = (stat.S_IFMT(st.st_mode), 0, "", st.st_mode & 0o7777)
+        dirnames[:] = [d for d in dirnames if not skip(os.path.relpath(os.path.join(dirpath, d), os.fsencode(root)))]
+    return out
+
+
+def long_path(total):
+    """A client path of exactly total bytes below the drive (folders of 200
+    bytes: every component is a legal name)."""
+    path = DRIVE + "/"
+    while len(path) < total:
+        path += "d" * min(200, total - len(path)) + "/"
+    return path[:total].rstrip("/").ljust(total, "e")
+
+
+# Names that a shell, a printf or an option parser would read as something
+# else. Each becomes a file in Box/ (when it is a legal name).
+HOSTILE_NAMES = [
+    b'quote"d',
+    b"apos'trophe",
+    b"$(touch /tmp/canary)",
+    b"`touch /tmp/canary`",
+    b"a;touch /tmp/canary",
+    b"a|touch /tmp/canary",
+    b"a&touch /tmp/canary&",
+    b'x"; rm -rf "/opt/vtrhttpd/localhost.drives/' + DRIVE.encode() + b'/Keep',
+    b"line\nfeed",
+    b"%s%n%x%s%n%s",
+    b"-rf",
+    b"--help",
+    b"n" * 255,
+    b"bad\xff\xfeutf8\xc3(",
+]
+# Client paths that do not fit: the 4095- and 4096-byte paths.
+LONG_PATHS = [long_path(4095).encode(), long_path(4096).encode()]
+
+
+def _prepare(drives):
+    drive = drives / DRIVE
+    for d in ("Box", "Out", "Keep/inner"):
+        (drive / d).mkdir(parents=True, exist_ok=True)
+    (drive / "Keep/a.txt").write_bytes(b"keep me")
+    (drive / "Keep/inner/b.mp3").write_bytes(b"ID3 keep")
+    (drive / "Box/keep.txt").write_bytes(b"sibling")
+    for name in HOSTILE_NAMES:
+        (drive / "Box").joinpath(os.fsdecode(name)).write_bytes(b"payload " + name)
+    return drive
+
+
+def _app_storage(host):
+    a = host.run("create_app_storage", DRIVE, "pw")
+    assert a.result == 0
+    return a.tree.text_of("id").decode()
+
+
+# One row per sub-command that takes a path (or a name that becomes one):
+# (name, build(target client path, hostile name, app id) -> arguments,
+#  the request's own targets relative to the drive, given the hostile name).
+BOX = DRIVE + "/Box/"
+OUT = DRIVE + "/Out/"
+ROWS = [
+    ("list_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", ""], lambda n: []),
+    ("list_user_storage_file", lambda p, n, i: [p, "0", "5", "true", "true", "true", "", "name_asc", "true"],
+     lambda n: []),
+    ("search_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", "", n, "true"],
+     lambda n: []),
+    ("search_user_storage_file", lambda p, n, i: [DRIVE, "0", "0", "true", "true", "true", "", n, "true"],
+     lambda n: []),
+    ("create_user_storage_file", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
+    ("write_user_storage_file", lambda p, n, i: [p, "false", n, "0"], lambda n: [b"Box/" + n]),
+    ("read_user_storage_file", lambda p, n, i: [p, "0", "0"], lambda n: []),
+    ("get_user_storage_file_info", lambda p, n, i: [p], lambda n: []),
+    ("copy_user_storage_file", lambda p, n, i: [p, OUT], lambda n: [b"Out/" + n]),
+    ("move_user_storage_file", lambda p, n, i: [p, OUT], lambda n: [b"Box/" + n, b"Out/" + n]),
+    ("backup_user_storage_file", lambda p, n, i: [p, OUT.encode() + n, "true"], lambda n: [b"Out/" + n]),
+    ("delete_user_storage_file", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
+    ("create_user_storage_directory", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
+    ("rename_user_storage_file", lambda p, n, i: [p, OUT.encode() + n], lambda n: [b"Box/" + n, b"Out/" + n]),
+    ("select_user_storage_file_to_list", lambda p, n, i: [p, "select"], lambda n: []),
+    ("search_user_storage_subtitle", lambda p, n, i: [p], lambda n: []),
+    ("calculate_user_storage_file_hash", lambda p, n, i: [p], lambda n: []),
+    ("verify_user_storage_download_status", lambda p, n, i: [p], lambda n: []),
+    ("download_user_storage_file", lambda p, n, i: [BOX, "http://127.0.0.1:9/x", n], lambda n: [b"Box/" + n]),
+    ("get_user_storage_file_index", lambda p, n, i: [os.fsencode(DRIVES) + b"/" + p, "", "name_asc", "true", "true"],
+     lambda n: []),
+    ("create_app_storage", lambda p, n, i: [p, "pw"], lambda n: [b"Box/" + n]),
+    ("create_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: [b".vtr_apps"]),
+    ("write_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "false", n, "0"], lambda n: [b".vtr_apps"]),
+    ("read_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "0", "0"], lambda n: []),
+    ("get_app_storage_file_info", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: []),
+    ("copy_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", p], lambda n: [b"Box/" + n]),
+    ("delete_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: [b".vtr_apps"]),
+    ("delete_all_app_storage", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
+]
+
+
+@pytest.mark.parametrize("row", ROWS, ids=[f"{r[0]}-{k}" for k, r in enumerate(ROWS)])
+def test_hostile_paths_and_names(host, drives, fake_bin, row):
+    name, build, targets = row
+    make_fake(fake_bin, "wget", 'echo "wget $*" >> /tmp/wget.log\nexit 0\n')
+    drive = _prepare(drives)
+    app_id = _app_storage(host)
+    cases = [(BOX.encode() + n, n) for n in HOSTILE_NAMES] + [(p, b"x") for p in LONG_PATHS]
+    for path, hostile in cases:
+        CANARY.unlink(missing_ok=True)
+        own = targets(hostile)
+        before = tree_digest(drive, exclude=own)
+        outside = tree_digest(DRIVES, exclude=[DRIVE.encode()])
+        args = build(path, hostile, app_id)
+        answer = host.run(name, *args)
+        where = f"{name} {path[:60]!r}"
+        assert known_code(answer.result), f"{where}: result {answer.result}"
+        assert not CANARY.exists(), f"{where}: an injected command ran"
+        assert tree_digest(drive, exclude=own) == before, f"{where}: something beside the target changed"
+        assert tree_digest(DRIVES, exclude=[DRIVE.encode()]) == outside, f"{where}: another drive changed"
+        takes_path = any(isinstance(a, bytes) and path in a for a in args)
+        # The selection keeps a local path as received: only the batch
+        # commands translate it.
+        if len(path) >= 4095 and takes_path and name != "select_user_storage_file_to_list":
+            assert answer.result != 0, f"{where}: an over-long path was accepted"
+    assert host.stats()["orphan_nodes"] == 0
+
+
+# ---------------------------------------------------------------- damaged state files
+
+def _fslist_cases():
+    return [
+        b"",
+        b"1",
+        b"1|",
+        b"1|label",
+        b"\n\n\n",
+        b"1||\n0||\n",
+        b"1|Label|" + b"p" * 9000 + b"\n",
+        b"1|Label|/opt/vtrhttpd/localhost.drives/USB_DRIVE_A-1/Keep/a.txt",  # no line end
+        bytes(range(256)) * 8,
+        b"\0" * 5000,
+    ]
+
+
+def _cache_cases():
+    good_key = b"\0" * 300
+    return [
+        b"",
+        b"\x01" * 10,
+        good_key,  # a key without its counts
+        good_key + b"\xff" * 268,  # negative entry count
+        good_key + b"\0" * 8 + b"\xff\xff\xff\x7f" + b"\0" * 256,  # 2^31-1 entries, none there
+        os.urandom(5000),
+        b"\0" * 100000,  # over the cache limit
+    ]
+
+
+def _smb_cases():
+    return [
+        b"",
+        b"\n",
+        b"|||\nurl=\n",
+        b"1|2|3|10\n",  # no address line
+        b"x" * 20000 + b"\nurl=" + b"y" * 20000 + b"\n",
+        b"a|b|c|1\nurl=smb://nas/public/a\n" * 3 + b"\xff\xfe|1|Mon|2\nurl=\xff\n",
+        bytes(range(256)) * 16,
+    ]
+
+
+def test_damaged_selection_file(host, drives):
+    drive = _prepare(drives)
+    before = tree_digest(drive)
+    for content in _fslist_cases():
+        Path("/tmp/fslist").write_bytes(content)
+        for action in ("select", "deselect", "deselect_all"):
+            a = host.run("select_user_storage_file_to_list", f"{DRIVE}/Keep/a.txt", action)
+            assert known_code(a.result), (content[:40], action, a.result)
+            Path("/tmp/fslist").write_bytes(content)
+    assert tree_digest(drive) == before, "a damaged selection file changed the drive"
+    assert host.stats()["orphan_nodes"] == 0
+
+
+def test_damaged_listing_cache(host, drives):
+    drive = _prepare(drives)
+    before = tree_digest(drive)
+    fresh = host.run("list_user_storage_file", f"{DRIVE}/Keep", "0", "0", "true", "true", "true", "",
+                     "name_asc", "false")
+    for content in _cache_cases():
+        Path("/tmp/usr_file_list").write_bytes(content)
+        a = host.run("list_user_storage_file", f"{DRIVE}/Keep", "0", "0", "true", "true", "true", "",
+                     "name_asc", "true")
+        assert a.result == 0, content[:40]
+        # A damaged cache never stands in for the folder's real listing.
+        assert a.tree.to_dict() == fresh.tree.to_dict(), content[:40]
+    assert tree_digest(drive) == before
+    assert host.stats()["orphan_nodes"] == 0
+
+
+def test_damaged_network_answer(host, drives, config, fake_bin):
+    share = config.share(0, "Public", "smb://nas/public")
+    (share / "song.mp3").write_bytes(b"ID3")
+    # A client double that leaves whatever answer file the test wrote.
+    client = Path("/opt/vtrhttpd/default/netfs_client")
+    client.unlink(missing_ok=True)
+    make_fake(client.parent, "netfs_client", "exit 0\n")
+    for content in _smb_cases():
+        Path("/tmp/smb.out").write_bytes(content)
+        a = host.run("list_user_storage_file", "smb://nas/public", "0", "0", "true", "true", "true", "")
+        assert known_code(a.result), content[:40]
+        assert (share / "song.mp3").read_bytes() == b"ID3"
+    assert host.stats()["orphan_nodes"] == 0
+
+
+def test_damaged_identity_files(host, drives):
+    drive = _prepare(drives)
+    app_id = _app_storage(host)
+    assert host.run("create_app_storage_file", "f.txt", DRIVE, app_id, "pw").result == 0
+    assert host.run("write_app_storage_file", "f.txt", DRIVE, app_id, "pw", "false", "data", "0").result == 0
+    folder = drive / ".vtr_apps" / f".vtr_app_{app_id}"
+    identity = folder / f".id_{app_id}"
+    good = identity.read_bytes()
+    for content in [b"", b"a", b"\0" * 300, os.urandom(300), b"f" * 5000, good[:3]]:
+        identity.write_bytes(content)
+        for args in (("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"),
+                     ("delete_app_storage", DRIVE, app_id, "pw"),
+                     ("change_app_storage_password", DRIVE, app_id, "pw", "new", "new")):
+            a = host.run(*args)
+            # A damaged identity verifies no password: the storage stays.
+            assert a.result == 1, (content[:20], args[0], a.result)
+            assert (folder / "f.txt").read_bytes() == b"data"
+    identity.write_bytes(good)
+    assert host.run("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0").tree.text_of("content") == b"data"
+    assert host.stats()["orphan_nodes"] == 0
+
+
+# ---------------------------------------------------------------- long run
+
+def _rss_kib(pid):
+    for line in Path(f"/proc/{pid}/status").read_text().splitlines():
+        if line.startswith("VmRSS:"):
+            return int(line.split()[1])
+    raise AssertionError("no VmRSS")
+
+
+def _fd_count(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+LONG_RUN_REQUESTS = int(os.environ.get("VTR_LONG_RUN_REQUESTS", "20000"))
+
+
+def _mixed_requests(app_id):
+    m = f"{DRIVE}/Keep"
+    return [
+        ["list_user_storage_file", m, "0", "0", "true", "true", "true", ""],
+        ["list_user_storage_file", m, "0", "1", "true", "true", "true", "", "size_dsc", "true"],
+        ["list_user_storage_file", "", "0", "0", "true", "true", "true", "local", "name_asc", "false"],
+        ["search_user_storage_file", DRIVE, "0", "0", "true", "true", "true", "", "a", "true"],
+        ["get_user_storage_file_index", f"{DRIVES}/{m}/a.txt", "", "name_asc", "true", "true"],
+        ["get_user_storage_file_info", f"{m}/a.txt"],
+        ["read_user_storage_file", f"{m}/a.txt", "0", "0"],
+        ["write_user_storage_file", f"{DRIVE}/Box/w.txt", "false", "hello", "0"],
+        ["calculate_user_storage_file_hash", f"{m}/inner/b.mp3"],
+        ["search_user_storage_subtitle", f"{m}/inner/b.mp3"],
+        ["create_user_storage_directory", f"{DRIVE}/Box/d"],
+        ["rename_user_storage_file", f"{DRIVE}/Box/d", f"{DRIVE}/Box/e"],
+        ["delete_user_storage_file", f"{DRIVE}/Box/e"],
+        ["select_user_storage_file_to_list", f"{m}/a.txt", "select"],
+        ["select_user_storage_file_to_list", "", "deselect_all"],
+        ["read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"],
+        ["create_app_storage_file", "g.txt", DRIVE, app_id, "pw"],
+        ["delete_app_storage_file", "g.txt", DRIVE, app_id, "pw"],
+        ["get_app_storage_file_info", "f.txt", DRIVE, app_id, "pw"],
+        ["no_such_user_command"],
+    ]
+
+
+def test_long_run_memory_and_descriptors(fresh_host, drives):
+    """VTR_LONG_RUN_REQUESTS mixed requests (default 20000) in one process:
+    resident memory grows by less than 1 MiB after the warm-up and the open
+    descriptors come back to their starting number."""
+    host = fresh_host
+    _prepare(drives)
+    app_id = _app_storage(host)
+    assert host.run("create_app_storage_file", "f.txt", DRIVE, app_id, "pw").result == 0
+    requests = [json.dumps([a for a in r]) for r in _mixed_requests(app_id)]
+    if HOST_WRAPPER or CROSS:
+        pytest.skip("the process is a wrapper or an emulator: its memory is not the host's")
+    pid = host.proc.pid
+    # Warm-up: every request kind once or more (allocator pools, lazily
+    # loaded tables, the first file's pages).
+    for k in range(len(requests) * 50):
+        obj = host.request_line(requests[k % len(requests)])
+        assert "result" in obj
+    fds = _fd_count(pid)
+    rss = _rss_kib(pid)
+    results = {}
+    for k in range(LONG_RUN_REQUESTS):
+        obj = host.request_line(requests[k % len(requests)])
+        assert "result" in obj, obj
+        results.setdefault(k % len(requests), obj["result"])
+    grown = _rss_kib(pid) - rss
+    assert _fd_count(pid) == fds
+    assert grown < 1024, f"resident memory grew by {grown} KiB over {LONG_RUN_REQUESTS} requests"
+    assert host.stats()["orphan_nodes"] == 0
+    print(f"long run: {LONG_RUN_REQUESTS} requests, RSS {rss} KiB -> {rss + grown} KiB, fds {fds}")
