@@ -225,6 +225,7 @@ int process_entry(walker &w, folder &dir, unsigned char type) noexcept {
                          ? walk_dangling_link
                          : walk_no_status;
             e.have_status = true;
+            e.status_failed = e.kind == walk_no_status;  // a dangling link keeps the link's own status
         } else {
             e.have_status = true;
             if (S_ISDIR(e.status.st_mode)) e.kind = walk_folder;

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 
+#include "listing/file_index.h"
+#include "listing/search.h"
 #include "plugin/result.h"
 
 namespace plugin {
@@ -10,7 +12,10 @@ namespace {
 
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
-constexpr std::array<command, 0> user_commands{};
+constexpr std::array user_commands{
+    command{"search_user_storage_file", exactly(10), listing::search_user_storage_file},
+    command{"get_user_storage_file_index", exactly(6), listing::get_user_storage_file_index},
+};
 
 constexpr std::array<command, 0> app_commands{};
 
