@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "listing/file_index.h"
+#include "listing/list_command.h"
 #include "listing/search.h"
 #include "plugin/result.h"
 
@@ -13,6 +14,7 @@ namespace {
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
 constexpr std::array user_commands{
+    command{"list_user_storage_file", at_least(8), listing::list_user_storage_file},
     command{"search_user_storage_file", exactly(10), listing::search_user_storage_file},
     command{"get_user_storage_file_index", exactly(6), listing::get_user_storage_file_index},
 };
