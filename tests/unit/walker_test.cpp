@@ -220,4 +220,36 @@ TEST_F(WalkerTree, OpenFailureOtherThanAccessEndsTheWalk) {
     for (const visit &v : visits) EXPECT_EQ(v.path.find("/n3"), std::string::npos) << v.path;
 }
 
+// Root reads every folder, so a refused folder is made through the seam: it
+// is reported as unreadable, nothing below it is visited, and the walk goes on.
+int refusing_open(int dir_fd, const char *name) noexcept {
+    const char *tail = std::strrchr(name, '/');
+    if (std::strcmp(tail != nullptr ? tail + 1 : name, "skipme") == 0) {
+        errno = EACCES;
+        return -1;
+    }
+    return ::openat(dir_fd, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+}
+
+TEST_F(WalkerTree, RefusedFolderIsReportedUnreadable) {
+    build_mixed();
+    listing::walk_hooks hooks;
+    hooks.open_folder = refusing_open;
+    std::vector<visit> visits;
+    int rc = listing::walk_tree(root.c_str(), 20, ours_record, &visits, &hooks);
+    EXPECT_EQ(rc, 0);
+    int refused = 0;
+    for (const visit &v : visits) {
+        // "a" may be reached through c/abs_link_to_a first: match by name
+        EXPECT_EQ(v.path.find("/skipme/"), std::string::npos) << v.path;
+        if (v.path.size() > 7 && v.path.compare(v.path.size() - 7, 7, "/skipme") == 0) {
+            EXPECT_EQ(v.kind, listing::walk_unreadable);
+            ++refused;
+        }
+    }
+    EXPECT_EQ(refused, 1);
+    // nftw skips the same subtree because the callback asks it to
+    EXPECT_EQ(visits.size(), run_nftw(root, 20).visits.size());
+}
+
 }  // namespace
