@@ -62,7 +62,8 @@ cache_entry make_cache_entry(const char *name, const char *path, const char *typ
 }
 
 void append_cache_record(const listing_key &key, int32_t available_files, int32_t available_folders,
-                         const char *convert_path, std::span<const cache_entry> entries) noexcept {
+                         const char *convert_path, std::span<const cache_entry> entries,
+                         const char *file) noexcept {
     if (entries.size() > static_cast<std::size_t>(INT32_MAX / sizeof(cache_entry))) return;
     cache_header header;
     std::memset(&header, 0, sizeof header);
@@ -74,7 +75,7 @@ void append_cache_record(const listing_key &key, int32_t available_files, int32_
 
     std::size_t total = sizeof header + entries.size_bytes();
     std::unique_ptr<unsigned char[]> record(new (std::nothrow) unsigned char[total]);
-    plugin::unique_fd fd(::open(cache_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    plugin::unique_fd fd(::open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
     if (!fd.valid()) return;
     if (record != nullptr) {
         std::memcpy(record.get(), &header, sizeof header);

@@ -76,7 +76,8 @@ using cache_page = std::vector<cache_entry>;
 // created with mode 0600; silent when the file cannot be opened. Written
 // with one write so that records of parallel listings never interleave.
 void append_cache_record(const listing_key &key, int32_t available_files, int32_t available_folders,
-                         const char *convert_path, std::span<const cache_entry> entries) noexcept;
+                         const char *convert_path, std::span<const cache_entry> entries,
+                         const char *file = cache_file) noexcept;
 
 // ---- answer vocabulary ---------------------------------------------------
 
