@@ -228,6 +228,19 @@ def test_top_level_with_and_without_local_and_network(host, drives, config):
     assert names(ls(host, "", "0", "0", "false", "true", "false", "")) == []
 
 
+def test_top_level_labels_are_cut_at_the_next_bar_only(host, drives, usb_names):
+    # The top level reads the first 1023 bytes of the drive name list and
+    # takes what follows "<folder>|" up to the next "|" or the end of what
+    # was read: a list without closing bars gives labels with line feeds.
+    for d in ["USB_DRIVE_A", "USB_DRIVE_B", "USB_DRIVE_C"]:
+        (drives / d).mkdir()
+    usb_names({"USB_DRIVE_A": "Stick", "USB_DRIVE_B": "Other"})
+    assert names(ls(host, "", "0", "0", "true", "true", "false", "")) == [
+        "Stick\nUSB_DRIVE_B", "Other\n", "USB_DRIVE_C"]
+    Path("/tmp/usb_name.txt").write_text("USB_DRIVE_A|Stick|\nUSB_DRIVE_B|Other|\n")
+    assert names(ls(host, "", "0", "0", "true", "true", "false", "")) == ["Stick", "Other", "USB_DRIVE_C"]
+
+
 def test_convert_path_of_local_folders(host, drives, config):
     share = config.share(0, "Public", "smb://nas/public")
     (share / "Films").mkdir()
