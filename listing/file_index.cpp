@@ -79,13 +79,9 @@ struct scanned {
 bool scan_folder(const char *parent, sort_kind kind, std::vector<scanned> &items, std::vector<char> &names) {
     plugin::unique_fd fd(::open(parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.valid()) return false;
-    int dir_fd = ::dup(fd.get());
-    if (dir_fd < 0) return false;
-    plugin::unique_dir dir(::fdopendir(dir_fd));
-    if (!dir) {
-        ::close(dir_fd);
-        return false;
-    }
+    plugin::unique_dir dir(::fdopendir(fd.get()));
+    if (!dir) return false;
+    int dir_fd = fd.release();  // owned by the stream now
     while (dirent *e = ::readdir(dir.get())) {
         const char *name = e->d_name;
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
@@ -94,7 +90,7 @@ bool scan_folder(const char *parent, sort_kind kind, std::vector<scanned> &items
         bool needs_stat = sort_needs_time(kind) || (sort_needs_size(kind) && !sorts_as_folder(e->d_type));
         if (needs_stat) {
             struct stat st;
-            if (::fstatat(fd.get(), name, &st, 0) == 0) {
+            if (::fstatat(dir_fd, name, &st, 0) == 0) {
                 item.sort.size = static_cast<int64_t>(st.st_size);
                 item.sort.mtime = static_cast<int32_t>(st.st_mtime);
             }
