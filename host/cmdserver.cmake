@@ -38,3 +38,6 @@ if(MICROHTTPD_FOUND AND NOT CMAKE_CROSSCOMPILING)
 else()
   message(STATUS "libmicrohttpd not found: vtr-cmdserver is not built")
 endif()
+
+# "vtr-host watch" lives in watch.cpp.
+target_link_libraries(vtr-host PRIVATE vtr_hostlib)

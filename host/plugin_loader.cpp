@@ -60,6 +60,7 @@ request_block::request_block(const std::vector<std::string> &words) : words_(wor
     args_->argc = static_cast<int32_t>(words_.size());
     for (std::size_t i = 0; i < words_.size(); ++i) args_->argv[i] = words_[i].data();
     args_->argv[words_.size()] = nullptr;
+    request_.host_word0 = request_.host_word1 = 0xa5a5a5a5u;  // the host's own words
     request_.args = args_;
 }
 
