@@ -73,6 +73,7 @@ struct connection_state {
     std::string peer;
     clock_type::time_point start = clock_type::now();
     std::string body;
+    bool body_started = false;
     bool body_too_large = false;
     std::string method = "-";
     std::string what = "-";   // sub-command or path, for the log line
@@ -151,8 +152,8 @@ std::string answer_document(const cmdserver::call_target &t, const vtrsim::xml_n
 // One plug-in call on this connection's thread; at most --threads at once.
 MHD_Result serve_call(MHD_Connection *conn, connection_state &c, cmdserver::call_target &t) {
     server_state &s = *g_state;
-    c.what = t.command;
     if (t.group != group_name) return send_error(conn, c, MHD_HTTP_NOT_FOUND, "unknown command group \"" + t.group + "\"");
+    c.what = t.command;
     if (t.command.empty()) return send_error(conn, c, MHD_HTTP_BAD_REQUEST, "missing sub-command: /file_operation/<sub-command>?<parameters>");
     if (t.args.size() + 1 > static_cast<std::size_t>(max_parameters))
         return send_error(conn, c, MHD_HTTP_BAD_REQUEST, "too many parameters");
@@ -289,6 +290,10 @@ MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/
     const bool is_get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 ||
                         std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
     const bool is_post = std::strcmp(method, MHD_HTTP_METHOD_POST) == 0;
+    if (is_post && !c->body_started) {  // the first call has the headers only
+        c->body_started = true;
+        return MHD_YES;
+    }
     if (is_post && *upload_data_size != 0) {  // gather the form-encoded body
         if (c->body.size() + *upload_data_size > max_body) c->body_too_large = true;
         else c->body.append(upload_data, *upload_data_size);
@@ -303,18 +308,14 @@ MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/
     if (int status = cmdserver::parse_target(c->raw_uri, target, kind, error); status != 0)
         return send_error(conn, *c, static_cast<unsigned>(status), error);
 
-    if (kind == cmdserver::target_kind::other) {
+    if (kind != cmdserver::target_kind::call) {
+        const bool page = target.group.empty() || target.group == "index.html";
+        if (target.group == group_name)
+            return send_error(conn, *c, MHD_HTTP_BAD_REQUEST, "missing sub-command: /file_operation/<sub-command>?<parameters>");
+        if (!page && target.group != "events")
+            return send_error(conn, *c, MHD_HTTP_NOT_FOUND, "unknown command group \"" + target.group + "\"");
         if (!is_get) return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET");
-        if (target.group == "" || target.group == "index.html") return serve_page(conn, *c);
-        if (target.group == "events") return serve_events(conn, *c);
-        if (target.group == group_name)
-            return send_error(conn, *c, MHD_HTTP_BAD_REQUEST, "missing sub-command: /file_operation/<sub-command>?<parameters>");
-        return send_error(conn, *c, MHD_HTTP_NOT_FOUND, "unknown command group \"" + target.group + "\"");
-    }
-    if (kind == cmdserver::target_kind::group_only) {
-        if (target.group == group_name)
-            return send_error(conn, *c, MHD_HTTP_BAD_REQUEST, "missing sub-command: /file_operation/<sub-command>?<parameters>");
-        return send_error(conn, *c, MHD_HTTP_NOT_FOUND, "unknown command group \"" + target.group + "\"");
+        return page ? serve_page(conn, *c) : serve_events(conn, *c);
     }
     if (!is_get && !is_post)
         return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET, or POST with a form-encoded body");
