@@ -6,6 +6,7 @@ import re
 import socket
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -389,3 +390,40 @@ def test_watch_draws_progress_until_the_end_of_the_batch(drives):
     assert len(lines) == 3, text            # stops at the end event
     assert "1/2 movie.mkv (USB -> HDD)" in lines[1] and "[##########----------]  50%" in lines[1]
     assert "finished 2 item(s), status 0" in lines[2]
+
+
+# --- the console in a browser ----------------------------------------------
+
+BROWSER_DIR = Path(__file__).resolve().parents[1] / "browser"
+CHROMIUM = Path(os.environ.get("CHROMIUM", "/usr/bin/chromium"))
+
+
+def test_console_in_headless_chromium(fresh_server):
+    import shutil
+    import subprocess
+    node = shutil.which("node")
+    if node is None or not CHROMIUM.exists():
+        pytest.skip("node or chromium is not installed")
+    if not (BROWSER_DIR / "node_modules" / "playwright-core").is_dir():
+        pytest.skip("playwright-core is not installed (npm ci in tests/browser)")
+    (DRIVES / "USB_A").mkdir()
+    (DRIVES / "HDD").mkdir()
+    (DRIVES / "USB_A" / "movie.mkv").write_bytes(os.urandom(2_000_000))
+    srv = fresh_server()
+    top = srv.call("list_user_storage_file", "", "0", "0", "true", "true", "true", "", "name_asc", "false")
+    if top.result == 1:
+        pytest.skip("list_user_storage_file is not in the dispatch table yet")
+    if srv.call("select_user_storage_file_to_list", "", "deselect_all").result == 1:
+        pytest.skip("select_user_storage_file_to_list is not in the dispatch table yet")
+    # With nothing selected the batch only sends its start and end events.
+    if srv.call("copy_user_storage_file_from_list", str(DRIVES / "HDD")).result == 1:
+        pytest.skip("copy_user_storage_file_from_list is not in the dispatch table yet")
+    info = srv.call("get_user_storage_file_info", str(DRIVES / "USB_A" / "movie.mkv")).result
+    time.sleep(0.5)
+    env = dict(os.environ, CHROMIUM=str(CHROMIUM), CHECK_INFO="1" if info == 0 else "0", HOME="/tmp")
+    run = subprocess.run([node, str(BROWSER_DIR / "console_test.mjs"), f"http://127.0.0.1:{srv.port}/",
+                          "USB_A", "movie.mkv", "HDD"], capture_output=True, text=True, timeout=180,
+                         cwd=BROWSER_DIR, env=env)
+    print(run.stdout)
+    assert run.returncode == 0, run.stdout + run.stderr
+    assert (DRIVES / "HDD" / "movie.mkv").read_bytes() == (DRIVES / "USB_A" / "movie.mkv").read_bytes()
