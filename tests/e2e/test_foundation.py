@@ -117,3 +117,17 @@ def test_host_runs_with_working_directory_root(host, fake_bin):
     pid = host.proc.pid
     if not CROSS:
         assert os.readlink(f"/proc/{pid}/cwd") == "/"
+
+
+@pytest.mark.native_only
+def test_drives_option_binds_a_folder_in_a_private_namespace(tmp_path, drives):
+    # The plug-in is loaded from inside the bound folder: that only works
+    # when DIR really appears at the drives root, and only for vtr-host.
+    own = tmp_path / "mydrives"
+    own.mkdir()
+    shutil.copy2(PLUGIN, own / "plugin.so")
+    cmd = [str(VTR_HOST), "--drives", str(own), "--plugin", str(drives / "plugin.so"), "describe"]
+    p = subprocess.run(cmd, capture_output=True, text=True, env=host_env(), cwd="/", timeout=120)
+    assert p.returncode == 0, p.stderr
+    assert "name: file_operation" in p.stdout
+    assert not (drives / "plugin.so").exists()
