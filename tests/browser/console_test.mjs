@@ -22,7 +22,7 @@ const page = context.pages()[0] ?? (await context.newPage());
 const seen = [];
 page.on("console", (m) => seen.push(`console: ${m.text()}`));
 page.on("pageerror", (e) => seen.push(`page error: ${e.message}`));
-const row = (name) => `#entries tr[data-name="${name}"]`;
+const row = (name) => `#entries tr[data-base="${name}"]`;
 let status = 1;
 try {
   page.setDefaultTimeout(20000);
