@@ -194,7 +194,7 @@ struct sse_client {
     std::size_t sent = 0;
 };
 
-ssize_t sse_read(void *cls, uint64_t /*pos*/, char *buf, size_t max) {
+ssize_t sse_read(void *cls, uint64_t /*pos*/, char *buf, size_t max) noexcept try {
     auto *client = static_cast<sse_client *>(cls);
     if (client->sent >= client->pending.size()) {
         client->pending.clear();
@@ -207,6 +207,8 @@ ssize_t sse_read(void *cls, uint64_t /*pos*/, char *buf, size_t max) {
     std::memcpy(buf, client->pending.data() + client->sent, n);
     client->sent += n;
     return static_cast<ssize_t>(n);
+} catch (...) {
+    return MHD_CONTENT_READER_END_WITH_ERROR;
 }
 
 void sse_free(void *cls) { delete static_cast<sse_client *>(cls); }
@@ -254,9 +256,8 @@ MHD_Result serve_page(MHD_Connection *conn, connection_state &c) {
 
 // --- MHD callbacks -------------------------------------------------------
 
-void *on_uri(void * /*cls*/, const char *uri, MHD_Connection *conn) {
-    auto *c = new (std::nothrow) connection_state;
-    if (c == nullptr) return nullptr;
+void *on_uri(void * /*cls*/, const char *uri, MHD_Connection *conn) noexcept try {
+    auto c = std::make_unique<connection_state>();
     c->raw_uri = uri != nullptr ? uri : "";
     if (const MHD_ConnectionInfo *info = MHD_get_connection_info(conn, MHD_CONNECTION_INFO_CLIENT_ADDRESS)) {
         char addr[INET6_ADDRSTRLEN] = "";
@@ -267,7 +268,9 @@ void *on_uri(void * /*cls*/, const char *uri, MHD_Connection *conn) {
             ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(sa)->sin6_addr, addr, sizeof addr);
         c->peer = addr;
     }
-    return c;
+    return c.release();
+} catch (...) {
+    return nullptr;
 }
 
 void on_completed(void * /*cls*/, MHD_Connection *conn, void **con_cls, MHD_RequestTerminationCode) {
@@ -276,16 +279,16 @@ void on_completed(void * /*cls*/, MHD_Connection *conn, void **con_cls, MHD_Requ
     if (c->http_status == 0)
         if (const MHD_ConnectionInfo *info = MHD_get_connection_info(conn, MHD_CONNECTION_INFO_HTTP_STATUS))
             c->http_status = info->http_status;
-    log_line(*c, c->method.c_str());
+    try {
+        log_line(*c, c->method.c_str());
+    } catch (...) {
+    }
     delete c;
     *con_cls = nullptr;
 }
 
-MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/, const char *method,
-                      const char * /*version*/, const char *upload_data, size_t *upload_data_size,
-                      void **con_cls) {
-    auto *c = static_cast<connection_state *>(*con_cls);
-    if (c == nullptr) return MHD_NO;
+MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char *method,
+                          const char *upload_data, size_t *upload_data_size) {
     c->method = method;
     const bool is_get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 ||
                         std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
@@ -325,6 +328,20 @@ MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/
             return send_error(conn, *c, MHD_HTTP_BAD_REQUEST, "body " + error);
     }
     return serve_call(conn, *c, target);
+}
+
+// Nothing may escape into the C library: running out of memory closes the
+// connection.
+MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/, const char *method,
+                      const char * /*version*/, const char *upload_data, size_t *upload_data_size,
+                      void **con_cls) {
+    auto *c = static_cast<connection_state *>(*con_cls);
+    if (c == nullptr) return MHD_NO;
+    try {
+        return handle_request(conn, c, method, upload_data, upload_data_size);
+    } catch (...) {
+        return MHD_NO;
+    }
 }
 
 // --- start-up --------------------------------------------------------------

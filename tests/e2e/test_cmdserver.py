@@ -427,3 +427,47 @@ def test_console_in_headless_chromium(fresh_server):
     print(run.stdout)
     assert run.returncode == 0, run.stdout + run.stderr
     assert (DRIVES / "HDD" / "movie.mkv").read_bytes() == (DRIVES / "USB_A" / "movie.mkv").read_bytes()
+
+
+@pytest.mark.parametrize("args, code, message", [
+    (["--port", "70000"], 2, "bad port"),
+    (["--threads", "0"], 2, "bad thread count"),
+    (["--bind", "localhost"], 2, "numeric IPv4 or IPv6"),
+    (["--frobnicate"], 2, "unknown or incomplete option"),
+    (["--port"], 2, "unknown or incomplete option"),
+    (["--plugin", "/nonexistent/lib.so", "--port", "0"], 1, "cannot load"),
+])
+def test_bad_options_are_refused(drives, args, code, message):
+    import subprocess
+    run = subprocess.run([str(CMDSERVER), *args], capture_output=True, timeout=30, cwd="/")
+    assert run.returncode == code
+    assert message in run.stderr.decode()
+
+
+def test_ipv6_loopback(fresh_server):
+    if not socket.has_ipv6:
+        pytest.skip("no IPv6")
+    try:
+        with socket.socket(socket.AF_INET6) as probe:
+            probe.bind(("::1", 0))
+    except OSError:
+        pytest.skip("no IPv6 loopback")
+    import http.client
+    import subprocess
+    log = Path("/tmp/cmdserver-v6.log")
+    with open(log, "wb") as f:
+        proc = subprocess.Popen([str(CMDSERVER), "--bind", "::1", "--port", "0"], stderr=f, cwd="/")
+    try:
+        deadline = time.monotonic() + 20
+        m = None
+        while m is None and time.monotonic() < deadline and proc.poll() is None:
+            time.sleep(0.05)
+            m = re.search(r"listening on http://\[::1\]:(\d+)/", log.read_text())
+        assert m, log.read_text()
+        conn = http.client.HTTPConnection("::1", int(m.group(1)), timeout=10)
+        conn.request("GET", target("no_such_user_command"))
+        assert conn.getresponse().status == 200
+        conn.close()
+    finally:
+        proc.terminate()
+        proc.wait(timeout=10)
