@@ -85,7 +85,12 @@ bool event_hub::wait_events(uint64_t &seq, std::string &out, int timeout_ms) {
     }
     for (; seq < first_seq_ + ring_.size(); ++seq) {
         out += "id: " + std::to_string(seq) + "\ndata: ";
-        out += ring_[seq - first_seq_];
+        // A carriage return would end the field: continue on a new data
+        // line, which the client joins with a line feed.
+        for (char c : ring_[seq - first_seq_]) {
+            if (c == '\r') out += "\ndata: ";
+            else out += c;
+        }
         out += "\n\n";
     }
     return true;
