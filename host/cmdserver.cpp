@@ -51,6 +51,7 @@ struct server_options {
     std::string config;
     std::string drives;
     std::string web_dir;
+    std::string pipe = cmdserver::framework_pipe;
     int threads = 8;
 };
 
@@ -349,14 +350,15 @@ MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/
 void usage(FILE *to) {
     std::fprintf(to,
                  "usage: vtr-cmdserver [--port N] [--bind ADDRESS] [--plugin LIB] [--config FILE]\n"
-                 "                     [--drives DIR] [--threads N] [--web DIR]\n"
+                 "                     [--drives DIR] [--threads N] [--web DIR] [--pipe PATH]\n"
                  "  --port N        TCP port (default 8080; 0 picks a free one)\n"
                  "  --bind ADDRESS  IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
                  "  --plugin LIB    the file_operation plug-in (default: next to this program)\n"
                  "  --config FILE   the player's configuration variables (as vtr-host)\n"
                  "  --drives DIR    serve DIR as the drives root, in a private mount namespace\n"
                  "  --threads N     plug-in calls that may run at once (default 8)\n"
-                 "  --web DIR       serve the console from DIR/index.html instead of the built-in copy\n");
+                 "  --web DIR       serve the console from DIR/index.html instead of the built-in copy\n"
+                 "  --pipe PATH     progress pipe to read (default /tmp/vtr_framework_pipe)\n");
 }
 
 bool parse_int(const char *text, int lo, int hi, int &out) {
@@ -394,6 +396,8 @@ int parse_options(int argc, char **argv, server_options &o) {
             o.drives = v;
         } else if (a == "--web" && value(v)) {
             o.web_dir = v;
+        } else if (a == "--pipe" && value(v)) {
+            o.pipe = v;
         } else {
             std::fprintf(stderr, "vtr-cmdserver: unknown or incomplete option %s\n", argv[i]);
             usage(stderr);
@@ -457,7 +461,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "vtr-cmdserver: cannot load %s: %s\n", plugin.c_str(), error.c_str());
         return 1;
     }
-    state.events_ok = state.hub.start(cmdserver::framework_pipe, error);
+    state.events_ok = state.hub.start(absolute(opt.pipe).c_str(), error);
     if (!state.events_ok) std::fprintf(stderr, "vtr-cmdserver: no progress events: %s\n", error.c_str());
 
     sockaddr_storage addr{};

@@ -12,28 +12,43 @@
 
 namespace cmdserver {
 
-bool event_hub::start(const char *path, std::string &error) {
+namespace {
+
+// Creates the FIFO when absent and opens it for reading and writing: the
+// open does not wait for a writer, and the pipe never reports end of file
+// when a batch thread closes its end.
+int open_fifo(const char *path, std::string &error) {
     struct stat st {};
     if (::stat(path, &st) != 0) {
         if (::mkfifo(path, 0666) != 0 && errno != EEXIST) {
             error = std::string("mkfifo ") + path + ": " + std::strerror(errno);
-            return false;
+            return -1;
         }
     } else if (!S_ISFIFO(st.st_mode)) {
         error = std::string(path) + " exists and is not a FIFO";
-        return false;
+        return -1;
     }
-    // Read and write: opening does not wait for a writer, and the pipe never
-    // reports end of file when a batch thread closes its end.
-    fifo_fd_ = ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    if (fifo_fd_ < 0) {
-        error = std::string("open ") + path + ": " + std::strerror(errno);
-        return false;
-    }
+    int fd = ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) error = std::string("open ") + path + ": " + std::strerror(errno);
+    return fd;
+}
+
+// True while path still names the FIFO open on fd.
+bool same_fifo(const char *path, int fd) {
+    struct stat by_path {}, by_fd {};
+    return ::stat(path, &by_path) == 0 && ::fstat(fd, &by_fd) == 0 && by_path.st_dev == by_fd.st_dev &&
+           by_path.st_ino == by_fd.st_ino;
+}
+
+}  // namespace
+
+bool event_hub::start(const char *path, std::string &error) {
+    path_ = path;
+    fifo_fd_ = open_fifo(path, error);
+    if (fifo_fd_ < 0) return false;
     if (::pipe2(wake_fds_, O_CLOEXEC) != 0) {
         error = std::string("pipe: ") + std::strerror(errno);
-        ::close(fifo_fd_);
-        fifo_fd_ = -1;
+        ::close(std::exchange(fifo_fd_, -1));
         return false;
     }
     reader_ = std::thread([this] { reader_loop(); });
@@ -102,12 +117,25 @@ void event_hub::reader_loop() {
     constexpr std::size_t max_line = 16384;
     for (;;) {
         pollfd fds[2] = {{fifo_fd_, POLLIN, 0}, {wake_fds_[0], POLLIN, 0}};
-        int n = ::poll(fds, 2, -1);
+        int n = ::poll(fds, 2, 1000);
         if (n < 0) {
             if (errno == EINTR) continue;
             return;
         }
         if (fds[1].revents != 0) return;
+        if (n == 0) {
+            // Someone removed or replaced the pipe (a clean-up of /tmp):
+            // make it again, or the batch threads' events would be lost.
+            if (!same_fifo(path_.c_str(), fifo_fd_)) {
+                std::string error;
+                if (int fd = open_fifo(path_.c_str(), error); fd >= 0) {
+                    ::close(fifo_fd_);
+                    fifo_fd_ = fd;
+                    partial.clear();
+                }
+            }
+            continue;
+        }
         if ((fds[0].revents & POLLIN) == 0) continue;
         ssize_t got = ::read(fifo_fd_, buf, sizeof buf);
         if (got <= 0) continue;

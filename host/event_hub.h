@@ -47,6 +47,7 @@ private:
     std::deque<std::string> ring_;
     uint64_t first_seq_ = 0;  // sequence number of ring_.front()
     bool stopping_ = false;
+    std::string path_;
     int fifo_fd_ = -1;
     int wake_fds_[2] = {-1, -1};
     std::thread reader_;

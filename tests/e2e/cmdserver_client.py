@@ -115,10 +115,14 @@ class EventStream:
         self.conn.request("GET", "/events", headers=headers or {})
         self.resp = self.conn.getresponse()
 
-    def next_event(self):
-        """(id, data) of the next event; comments and the retry field are skipped."""
+    def next_event(self, within=30):
+        """(id, data) of the next event; comments and the retry field are
+        skipped. Keep-alive comments do not extend the time allowed."""
         ident, data = None, None
+        deadline = time.monotonic() + within
         while True:
+            if time.monotonic() > deadline:
+                raise TimeoutError(f"no event within {within} s")
             line = self.resp.readline()
             if not line:
                 raise EOFError("event stream ended")

@@ -23,7 +23,10 @@ pytestmark = [
 @pytest.fixture(scope="module")
 def server(tmp_path_factory):
     FAKE_BIN.mkdir(parents=True, exist_ok=True)
-    s = Server(tmp_path_factory.mktemp("cmdserver") / "server.log")
+    # A pipe of its own: the tests' clean-up removes the usual one, and two
+    # servers reading one pipe would share its lines.
+    folder = tmp_path_factory.mktemp("cmdserver")
+    s = Server(folder / "server.log", args=("--pipe", str(folder / "pipe")))
     yield s
     s.stop()
 
@@ -306,6 +309,22 @@ def test_reconnecting_client_resumes_after_last_event_id(fresh_server):
         assert [again.next_event() for _ in range(2)] == seen[1:]
     finally:
         again.close()
+
+
+def test_a_removed_pipe_is_made_again(fresh_server):
+    srv = fresh_server()
+    stream = EventStream(srv)
+    try:
+        os.unlink("/tmp/vtr_framework_pipe")
+        deadline = time.monotonic() + 5
+        while not os.path.exists("/tmp/vtr_framework_pipe") and time.monotonic() < deadline:
+            time.sleep(0.1)
+        time.sleep(0.1)
+        line = progress_line(1, 1, 100, 101, "")
+        write_fifo([line])
+        assert stream.next_event()[1] == line
+    finally:
+        stream.close()
 
 
 def test_a_stalled_client_blocks_neither_the_pipe_nor_other_clients(fresh_server):
