@@ -1,7 +1,7 @@
 # vtr-cmdserver: the reference host as an HTTP server (docs/cmdserver.md).
-# Included from host/CMakeLists.txt; built only when libmicrohttpd is found.
+# Included from host/CMakeLists.txt; built only natively, when libmicrohttpd is found.
 find_package(PkgConfig QUIET)
-if(PkgConfig_FOUND)
+if(PkgConfig_FOUND AND NOT CMAKE_CROSSCOMPILING)
   pkg_check_modules(MICROHTTPD IMPORTED_TARGET libmicrohttpd)
 endif()
 
@@ -36,7 +36,7 @@ if(MICROHTTPD_FOUND AND NOT CMAKE_CROSSCOMPILING)
   add_dependencies(vtr-cmdserver fileop_plugin)
   install(TARGETS vtr-cmdserver RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 else()
-  message(STATUS "libmicrohttpd not found: vtr-cmdserver is not built")
+  message(STATUS "vtr-cmdserver is not built (it needs libmicrohttpd and is not cross-built)")
 endif()
 
 # "vtr-host watch" lives in watch.cpp.
