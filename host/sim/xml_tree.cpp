@@ -23,9 +23,11 @@ struct registry {
     std::unordered_set<xml_node *> roots;
 };
 
+// Never destroyed: a thread of the plug-in may still build a node while the
+// host process exits.
 registry &nodes() {
-    static registry r;
-    return r;
+    static registry *r = new registry;
+    return *r;
 }
 
 void detach_locked(xml_node *n) {
@@ -186,6 +188,18 @@ std::size_t live_nodes() {
     registry &r = nodes();
     std::lock_guard g(r.lock);
     return r.nodes.size();
+}
+
+std::size_t orphan_nodes() {
+    registry &r = nodes();
+    std::lock_guard g(r.lock);
+    std::size_t count = 0;
+    for (xml_node *n : r.nodes) {
+        xml_node *top = n;
+        while (top->parent != nullptr) top = top->parent;
+        if (r.roots.count(top) == 0) ++count;
+    }
+    return count;
 }
 
 std::string to_xml(const xml_node *node) {
