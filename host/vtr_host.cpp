@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "host/sim/xml_tree.h"
+#include "host/watch.h"
 #include "platform/host_api.h"
 
 #ifndef FILEOP_INSTALL_LIBDIR
@@ -44,7 +45,8 @@ void usage() {
                  "  run SUBCOMMAND [ARG...]  one request; prints \"result: N\" and the answer XML\n"
                  "  serve-stdio              one request per input line (JSON array of strings),\n"
                  "                           one JSON answer line each\n"
-                 "  describe                 the descriptor the plug-in's factory filled in\n");
+                 "  describe                 the descriptor the plug-in's factory filled in\n"
+                 "  watch [--until-end]      progress bars of the batch threads' events\n");
 }
 
 std::string self_dir() {
@@ -379,6 +381,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     std::string command = argv[i++];
+    if (command == "watch") return host::run_watch(argc - i + 1, argv + i - 1);
     if (command != "run" && command != "serve-stdio" && command != "describe") {
         usage();
         return 2;

@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "appstore/app_storage.h"
+#include "listing/file_index.h"
 #include "listing/list_command.h"
+#include "listing/search.h"
 #include "media/download.h"
 #include "media/hash.h"
 #include "media/ripping.h"
@@ -19,6 +21,7 @@ namespace {
 // Rows are compared in this order.
 constexpr std::array user_commands{
     command{"list_user_storage_file", at_least(8), listing::list_user_storage_file},
+    command{"search_user_storage_file", exactly(10), listing::search_user_storage_file},
     command{"create_user_storage_file", exactly(2), storage::create_user_storage_file},
     command{"write_user_storage_file", exactly(5), storage::write_user_storage_file},
     command{"read_user_storage_file", exactly(4), storage::read_user_storage_file},
@@ -39,6 +42,7 @@ constexpr std::array user_commands{
     command{"calculate_user_storage_file_hash", exactly(2), media::calculate_user_storage_file_hash},
     command{"verify_user_storage_download_status", exactly(2), file_operation_check_download_target_status},
     command{"download_user_storage_file", at_least(4), file_operation_download_file},
+    command{"get_user_storage_file_index", exactly(6), listing::get_user_storage_file_index},
 };
 
 constexpr std::array app_commands{

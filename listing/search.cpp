@@ -1,0 +1,206 @@
+#include "listing/search.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+#include "listing/format.h"
+#include "listing/network.h"
+#include "listing/order.h"
+#include "listing/share_list.h"
+#include "plugin/result.h"
+#include "plugin/util.h"
+#include "storage/mime.h"
+#include "storage/paths.h"
+
+namespace listing {
+namespace {
+
+using plugin::rc;
+
+constexpr int max_open_folders = 20;
+constexpr uint64_t default_range = 99999;
+
+// One match written into the page: name, path, the file or folder form, and
+// with details the size and both dates.
+void write_match(walk_context &ctx, walk_entry &entry, const char *type_word) noexcept {
+    VantorXmlNode file = add_element(ctx.file_list, "file", "");
+    add_element(file, "name", entry.path + entry.base);
+    add_element(file, "path", entry.path);
+    if (type_word != nullptr) {
+        add_element(file, "isFolder", "no");
+        add_element(file, "type", type_word);
+    } else {
+        add_element(file, "isFolder", "yes");
+    }
+    if (!ctx.with_details) return;
+    const struct stat *st = walk_status(entry);
+    if (st == nullptr) return;  // gone since it was read
+    add_unsigned(file, "size", static_cast<unsigned long long>(st->st_size));
+    char date[32];
+    format_date(st->st_mtime, false, date);
+    add_element(file, "modifyDate", date);
+    format_date(st->st_atime, false, date);
+    add_element(file, "lastAccessDate", date);
+}
+
+// A counted match: passed over while the page has not started, written while
+// it lasts, only counted after it.
+void take_match(walk_context &ctx, walk_entry &entry, const char *type_word) noexcept {
+    if (type_word != nullptr) ++ctx.available_file;
+    else ++ctx.available_folder;
+    if (ctx.skip != 0) {
+        --ctx.skip;
+        return;
+    }
+    if (ctx.remaining == 0) return;
+    write_match(ctx, entry, type_word);
+    ++ctx.written;
+    --ctx.remaining;
+}
+
+}  // namespace
+
+int search_visit(walk_entry &entry, void *context) noexcept {
+    auto *ctx = static_cast<walk_context *>(context);
+    if (ctx == nullptr) return walk_stop;
+    search_candidate candidate;
+    candidate.name = entry.path + entry.base;
+    candidate.path = entry.path;
+    candidate.is_start = entry.level == 0;
+    candidate.is_folder = entry.kind == walk_folder;
+    // Free: the walker knows the type from the folder or has stat'ed the entry.
+    candidate.is_regular = !candidate.is_folder && walk_is_regular(entry);
+    search_filter filter;
+    filter.keyword = ctx->keyword;
+    filter.filter_word = ctx->filter_word;
+    filter.want_folders = ctx->want_folders != 0;
+    filter.want_files = ctx->want_files != 0;
+    search_result verdict = classify_search_entry(candidate, filter);
+    switch (verdict.verdict) {
+    case search_verdict::skip_subtree:
+        return walk_skip_subtree;
+    case search_verdict::pass_over:
+        return walk_continue;
+    case search_verdict::list_file:
+        take_match(*ctx, entry, verdict.type_word != nullptr ? verdict.type_word : "others");
+        return walk_continue;  // a disc structure's contents are searched as well
+    case search_verdict::list_folder:
+        take_match(*ctx, entry, nullptr);
+        return walk_continue;
+    }
+    return walk_continue;
+}
+
+int32_t deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
+                    const walk_hooks *hooks) noexcept {
+    walk_context ctx{};
+    ctx.skip = request.offset;
+    ctx.remaining = request.range;
+    ctx.want_folders = request.want_folders;
+    ctx.want_files = request.want_files;
+    ctx.with_details = request.with_details;
+    ctx.filter_word = request.filter_word != nullptr ? request.filter_word : "";
+    ctx.keyword = request.keyword != nullptr ? request.keyword : "";
+    storage::sort_mime_table();
+
+    ctx.file_list = add_element(response, "fileList", "");
+
+    if (walk_tree(full_path, max_open_folders, search_visit, &ctx, hooks) < 0)
+        return errno == ESTALE ? +rc::stale_handle : +rc::io;
+
+    add_number(response, "totalFile", ctx.written);
+    if (ctx.want_folders) add_number(response, "availableFolder", ctx.available_folder);
+    if (ctx.want_files) add_number(response, "availableFile", ctx.available_file);
+    plugin::path_buffer convert{};
+    if (plugin::copy_text(convert, full_path) &&
+        storage::translate_storage_path(convert) == storage::local_path) {
+        std::size_t n = std::strlen(convert);
+        while (n > 0 && convert[n - 1] == '/') convert[--n] = '\0';
+    } else {
+        convert[0] = '\0';
+    }
+    add_element(response, "convertPath", convert);
+    return +rc::ok;
+}
+
+namespace {
+
+// The search request line of the network client; "&level=0" asks it to
+// search the subfolders too.
+bool format_search_request(std::span<char> line, int64_t offset, int64_t range, int32_t list_type,
+                           int filter_code, const char *keyword, bool subfolders) noexcept {
+    return plugin::format_into(line, "cmd=4&outfile=%s&offset=%lld&range=%lld&listtype=%d&filter=%d&keyword=%s%s",
+                               netfs_answer_file, static_cast<long long>(offset), static_cast<long long>(range),
+                               static_cast<int>(list_type), filter_code, keyword, subfolders ? "&level=0" : "");
+}
+
+int32_t network_search(VantorXmlNode *response_slot, const char *url, int64_t offset, int64_t range,
+                       const search_request &request, bool subfolders) noexcept {
+    char line[plugin::path_max * 2];
+    if (!format_search_request(line, offset, range, netfs_list_type(request.want_folders, request.want_files),
+                               network_filter_code(request.filter_word), request.keyword, subfolders))
+        return +rc::bad_argument;
+    netfs_answer_lock answer_held;  // from the client's start to the end of the reading
+    int status = run_netfs_client(line, url);
+    if (status != 0) return vtr_network_error_handler(status);
+    network_listing listing;
+    listing.want_folders = request.want_folders;
+    listing.want_files = request.want_files;
+    listing.with_details = request.with_details;
+    listing.filter_word = request.filter_word;
+    return list_network_folder(response_slot, url, listing) != 0 ? +rc::io : +rc::ok;
+}
+
+}  // namespace
+
+int32_t search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr || request->args->argc < 10) return +rc::failure;
+    char **argv = request->args->argv;
+    plugin::path_buffer path;
+    if (!storage::load_path(path, argv[1])) return +rc::bad_path;
+    std::size_t length = std::strlen(path);
+    if (length > 0 && path[length - 1] == '/') path[--length] = '\0';  // one trailing "/"
+
+    int64_t offset = argv[2] != nullptr ? std::atoll(argv[2]) : 0;
+    int64_t range = argv[3] != nullptr ? std::atoll(argv[3]) : 0;
+    if (offset == 0 && range == 0) range = static_cast<int64_t>(default_range);
+    search_request ask;
+    ask.offset = static_cast<uint64_t>(offset);
+    ask.range = static_cast<uint64_t>(range);
+    ask.want_folders = !plugin::is_false_word(argv[4]);
+    ask.want_files = !plugin::is_false_word(argv[5]);
+    ask.with_details = !plugin::is_false_word(argv[6]);
+    ask.filter_word = argv[7] != nullptr ? argv[7] : "";
+    ask.keyword = argv[8] != nullptr ? argv[8] : "";
+    bool subfolders = plugin::is_true_word(argv[9]);
+
+    if (plugin::is_network_address(path)) return network_search(response_slot, path, offset, range, ask, subfolders);
+
+    if (path[0] == '\0') return +rc::io;
+    plugin::path_buffer full;
+    if (std::strncmp(path, storage::drives_root.data(), storage::drives_root.size()) == 0) {
+        std::memcpy(full, path, length + 1);
+    } else if (!plugin::format_into(full, "/opt/vtrhttpd/localhost.drives/%s", path)) {
+        return +rc::bad_path;
+    }
+    if (!subfolders) {
+        int32_t listed = file_operation_share_list_file(response_slot, full, ask.offset, ask.range, ask.want_folders,
+                                                        ask.want_files, ask.with_details, ask.filter_word, 0, 0,
+                                                        ask.keyword, 0, nullptr, 0);
+        return listed != 0 ? +rc::io : +rc::ok;
+    }
+    VantorXmlNode response = response_slot != nullptr ? *response_slot : nullptr;
+    int32_t searched = deep_search(response, full, ask);
+    if (searched == +rc::stale_handle) return searched;
+    return searched != 0 ? +rc::io : +rc::ok;
+}
+
+}  // namespace listing

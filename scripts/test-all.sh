@@ -1,0 +1,69 @@
+#!/bin/bash
+# Installs what is missing, builds for the PC and for the player (mipsel),
+# and runs every test suite inside the sandbox. Stages can be narrowed with
+# FILEOP_STAGES (default: "pc mips asan").
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+stages=${FILEOP_STAGES:-pc mips asan}
+jobs=${FILEOP_JOBS:-$(nproc)}
+
+if [[ $(id -u) -ne 0 ]]; then
+  echo "run as root (the tests use a private mount namespace)" >&2
+  exit 1
+fi
+bash scripts/install-deps.sh
+
+step() { printf '\n=== %s (%s)\n' "$*" "$(date +%H:%M:%S)"; }
+failed=()
+
+build() {  # dir, cmake args...
+  local dir=$1; shift
+  cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" > "$dir.configure.log" 2>&1 ||
+    { cat "$dir.configure.log"; return 1; }
+  cmake --build "$dir" -j "$jobs"
+}
+
+run_suite() {  # name, build dir
+  local name=$1 dir=$2
+  step "tests: $name"
+  if ! tests/sandbox.sh ctest --test-dir "$dir" --output-on-failure --timeout 1800; then
+    failed+=("$name")
+  fi
+}
+
+mkdir -p "$root/build"
+for stage in $stages; do
+  case $stage in
+    pc)
+      step "build: PC"
+      build "$root/build/pc"
+      run_suite pc "$root/build/pc"
+      ;;
+    mips)
+      step "build: mipsel"
+      [[ -x $root/build/pc/netfs_client ]] || build "$root/build/pc"
+      build "$root/build/mips" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mipsel-linux-gnu.cmake" \
+        -DFILEOP_NATIVE_TOOLS_DIR="$root/build/pc"
+      file "$root/build/mips/libvantor_command_server_command_file_operation.so"
+      run_suite mipsel "$root/build/mips"
+      ;;
+    asan)
+      step "build: PC with AddressSanitizer and UndefinedBehaviorSanitizer"
+      build "$root/build/asan" -DFILEOP_SANITIZE=ON
+      ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        run_suite asan "$root/build/asan"
+      ;;
+    *)
+      echo "unknown stage $stage" >&2
+      exit 2
+      ;;
+  esac
+done
+
+step "summary"
+if ((${#failed[@]})); then
+  echo "failed suites: ${failed[*]}"
+  exit 1
+fi
+echo "all suites passed: $stages"
