@@ -7,9 +7,12 @@
 // table size names a known sub-command. Before every input the drive tree
 // and the /tmp state files are rebuilt.
 //
-// Confinement: every ".." in an argument becomes "._" and a path beginning
-// with the drives root continues with "/", so no path leaves the drives
-// root (a tmpfs of the sandbox, rebuilt per input). Sub-commands that start
+// Confinement: every ".." in an argument becomes "._", a path beginning with
+// the drives root continues with "/" and any other absolute path is put
+// below the drives root, so no path leaves the drives root (a tmpfs of the
+// sandbox, rebuilt per input). File creation uses the client's path as it
+// stands, so a relative one lands in the working folder: the harness works
+// in a scratch folder under the sandbox's /tmp. Sub-commands that start
 // detached threads or long-running children (the batch copy, move and
 // delete from the selection, downloads, ripping) are not run.
 #include <sys/stat.h>
@@ -75,8 +78,9 @@ bool excluded(std::string_view name) {
 std::string confine(std::string word) {
     for (std::size_t at = word.find(".."); at != std::string::npos; at = word.find("..", at)) word[at + 1] = '_';
     constexpr std::string_view root = "/opt/vtrhttpd/localhost.drives";
-    if (word.size() > root.size() && word.compare(0, root.size(), root) == 0 && word[root.size()] != '/')
-        word.insert(root.size(), "/");
+    bool under_root = word.compare(0, root.size(), root) == 0;
+    if (under_root && word.size() > root.size() && word[root.size()] != '/') word.insert(root.size(), "/");
+    if (!under_root && !word.empty() && word[0] == '/') word.insert(0, root);
     return word;
 }
 
@@ -85,7 +89,15 @@ int remove_entry(const char *path, const struct stat *, int, struct FTW *) noexc
     return 0;
 }
 
+int remove_below(const char *path, const struct stat *, int, struct FTW *at) noexcept {
+    if (at->level > 0) ::remove(path);
+    return 0;
+}
+
+constexpr const char *work_folder = "/tmp/fuzz_cwd";
+
 void reset_state() {
+    ::nftw(work_folder, remove_below, 16, FTW_DEPTH | FTW_PHYS);  // the folder stays: it is the cwd
     for (const char *f : {"/tmp/fslist", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/fslist.lock"}) ::unlink(f);
     ::nftw("/opt/vtrhttpd/localhost.drives/NETWORK_SHARE", remove_entry, 16, FTW_DEPTH | FTW_PHYS);
     // Anything a previous input made at the top of the drives root.
@@ -124,6 +136,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     ::mkdir("/opt/vtrhttpd/default", 0755);
     const char conf[] = "netfs_name0=Public\nnetfs_url0=smb://nas/public\n";
     fuzz::write_file("/opt/vtrhttpd/default/vtr.conf", conf, sizeof conf - 1);
+    ::mkdir(work_folder, 0755);
+    if (::chdir(work_folder) != 0) std::_Exit(2);
     return 0;
 }
 
