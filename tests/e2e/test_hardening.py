@@ -14,7 +14,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import CROSS, DRIVES, HOST_WRAPPER, make_fake
+from conftest import CROSS, DRIVES, HOST_WRAPPER, PLUGIN, make_fake
 
 DRIVE = "USB_DRIVE_A-1"
 CANARY = Path("/tmp/canary")
@@ -92,6 +92,7 @@ def _prepare(drives):
     (drive / "Keep/a.txt").write_bytes(b"keep me")
     (drive / "Keep/inner/b.mp3").write_bytes(b"ID3 keep")
     (drive / "Box/keep.txt").write_bytes(b"sibling")
+    (drive / "Box/w.txt").write_bytes(b"")
     for name in HOSTILE_NAMES:
         # A "/" in a name makes folders: the whole text stays one argument.
         f = (drive / "Box").joinpath(os.fsdecode(name))
@@ -315,7 +316,7 @@ def _mixed_requests(app_id):
         ["get_user_storage_file_info", f"{m}/a.txt"],
         ["read_user_storage_file", f"{m}/a.txt", "0", "0"],
         ["write_user_storage_file", f"{DRIVE}/Box/w.txt", "false", "hello", "0"],
-        ["calculate_user_storage_file_hash", f"{m}/inner/b.mp3"],
+        ["calculate_user_storage_file_hash", f"{DRIVES}/{m}/inner/b.mp3"],
         ["search_user_storage_subtitle", f"{m}/inner/b.mp3"],
         ["create_user_storage_directory", f"{DRIVE}/Box/d"],
         ["rename_user_storage_file", f"{DRIVE}/Box/d", f"{DRIVE}/Box/e"],
@@ -347,13 +348,17 @@ def test_long_run_memory_and_descriptors(fresh_host, drives):
     for k in range(len(requests) * 50):
         obj = host.request_line(requests[k % len(requests)])
         assert "result" in obj
+    # Every request but the last does real work (in a plug-in that has
+    # the sub-command).
+    known = PLUGIN.read_bytes()
+    first = [host.request_line(r)["result"] for r in requests]
+    expected = [0 if json.loads(r)[0].encode() in known else 1 for r in requests[:-1]] + [1]
+    assert first == expected
     fds = _fd_count(pid)
     rss = _rss_kib(pid)
-    results = {}
     for k in range(LONG_RUN_REQUESTS):
         obj = host.request_line(requests[k % len(requests)])
         assert "result" in obj, obj
-        results.setdefault(k % len(requests), obj["result"])
     grown = _rss_kib(pid) - rss
     assert _fd_count(pid) == fds
     # A sanitizer's quarantine holds freed memory back: no figure there.
