@@ -4,13 +4,26 @@
 #include <cstring>
 
 #include "plugin/result.h"
+#include "transfer/batch.h"
+#include "transfer/selection.h"
 
 namespace plugin {
 namespace {
 
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
-constexpr std::array<command, 0> user_commands{};
+constexpr std::array user_commands{
+    command{"select_user_storage_file_to_list", exactly(3), transfer::select_user_storage_file_to_list},
+    command{"delete_user_storage_file_from_list", between(1, 2), transfer::delete_user_storage_file_from_list},
+    command{"copy_user_storage_file_from_list", exactly(2),
+            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+                return transfer::copy_user_storage_file_from_list(slot, request, 0);
+            }},
+    command{"move_user_storage_file_from_list", exactly(2),
+            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+                return transfer::copy_user_storage_file_from_list(slot, request, 1);
+            }},
+};
 
 constexpr std::array<command, 0> app_commands{};
 

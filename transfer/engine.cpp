@@ -1,0 +1,401 @@
+#include "transfer/engine.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#if defined(__mips__)
+#include <sys/cachectl.h>
+#endif
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <vector>
+
+#include "platform/host_api.h"
+#include "plugin/result.h"
+
+namespace transfer {
+
+std::atomic<int> quiet_file_start{0};
+
+namespace {
+
+using plugin::rc;
+
+constexpr int64_t sixteen_mib = 16777216;
+constexpr uid_t user_owner = 1001;
+constexpr gid_t user_group = 1001;
+
+bool is_digit(unsigned char c) noexcept { return c >= '0' && c <= '9'; }
+
+// The figures every event of one operation shares.
+struct reporter {
+    TransferProgress &progress;
+    uint32_t operation;
+    const char *filename;
+    const char *from;
+    const char *to;
+
+    // An event whose figures leave out `unread` bytes of the counts.
+    void send(int32_t percent, int64_t unread, int32_t status) const noexcept {
+        const int64_t whole_done = progress.whole_done - unread;
+        post_transfer_event(operation, filename, from, to, progress.item, progress.total, percent,
+                            percent_of(whole_done, progress.whole_total),
+                            compute_time_left(whole_done, progress.whole_total), status);
+    }
+    // Item percent, whole percent and time left as they stand.
+    void send_current(int32_t status) const noexcept {
+        send(percent_of(progress.item_done, progress.item_total), 0, status);
+    }
+};
+
+// Buffers read from network shares are flushed from the data cache before
+// they are written (the player's network client fills them behind the
+// cache's back). Elsewhere this is a no-op.
+void flush_data_cache(void *buffer, ssize_t length) noexcept {
+#if defined(__mips__)
+    ::cacheflush(buffer, static_cast<int>(length), DCACHE);
+#else
+    (void)buffer;
+    (void)length;
+#endif
+}
+
+struct aligned_buffer {
+    plugin::unique_malloc<char> data;
+    std::size_t size = 0;
+};
+
+aligned_buffer allocate_copy_buffer() noexcept {
+    for (std::size_t size = copy_buffer_size; size >= copy_buffer_min; size /= 2) {
+        void *p = nullptr;
+        if (::posix_memalign(&p, copy_alignment, size) == 0)
+            return {plugin::unique_malloc<char>(static_cast<char *>(p)), size};
+    }
+    return {};
+}
+
+bool set_direct(int fd) noexcept {
+    int flags = ::fcntl(fd, F_GETFL);
+    return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_DIRECT) == 0;
+}
+
+int open_source(const char *path) noexcept { return ::open(path, O_RDONLY | O_CLOEXEC); }
+
+int create_target(const char *path) noexcept {
+    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+}
+
+ssize_t read_some(int fd, char *buffer, std::size_t size) noexcept {
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, size);
+        if (n < 0 && errno == EINTR) continue;
+        return n;
+    }
+}
+
+// Writes all of it; the result of the last write() when it came short (so
+// below 1 on failure), else the full length.
+ssize_t write_all(int fd, const char *buffer, std::size_t length) noexcept {
+    std::size_t written = 0;
+    while (written < length) {
+        ssize_t n = ::write(fd, buffer + written, length - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 1) return n;
+        written += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(written);
+}
+
+}  // namespace
+
+const char *base_name(const char *path) noexcept {
+    if (path == nullptr) return "";
+    const char *slash = std::strrchr(path, '/');
+    return slash == nullptr ? "" : slash + 1;
+}
+
+int32_t copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
+                                uint32_t operation, const char *from, const char *to) noexcept {
+    const reporter report{progress, operation, base_name(source), from, to};
+    const int64_t size = filesize64(source);
+    if (size == 0) {
+        plugin::unique_fd empty(create_target(target));
+        if (empty.valid() && empty.close_checked()) return +rc::ok;
+    }
+    if (size <= 0 || !fits_destination(progress.permission_kind, size)) {
+        report.send_current(+rc::io);
+        return +rc::io;
+    }
+    aligned_buffer buffer = allocate_copy_buffer();
+    if (buffer.data == nullptr) {
+        report.send_current(+rc::io);
+        return +rc::io;
+    }
+    char *const data = buffer.data.get();
+    const auto chunk = static_cast<int64_t>(buffer.size);
+
+    int64_t threshold = report_threshold(progress, size);
+    int64_t steps_done = progress.step > 0 ? progress.item_done / progress.step : 0;
+    int64_t remaining = size;
+    progress.item_done += size;
+    progress.whole_done += size;
+    const bool from_network = std::strstr(source, "/NETWORK_SHARE/") != nullptr;
+
+    int32_t code = 0;
+    plugin::unique_fd in(open_source(source));
+    plugin::unique_fd out;
+    if (in.valid()) out.reset(create_target(target));
+    if (!in.valid() || !out.valid()) code = +rc::open_failed;
+
+    bool direct_write = false;
+    if (code == 0) {
+        struct stat st{};
+        if (::fstat(in.get(), &st) == 0 && st.st_size >= 1024 && set_direct(in.get())) {
+            if (read_some(in.get(), data, copy_alignment) > 0) {
+                std::fputs("read  - Using DIRECT IO !!!\n", stderr);
+                ::lseek(in.get(), 0, SEEK_SET);
+            } else {
+                std::fputs("read  - Normal read !!!\n", stderr);
+                in.reset(open_source(source));
+                if (!in.valid()) code = +rc::reopen_failed;
+            }
+        }
+    }
+    if (code == 0 && std::strstr(target, "SATA_") == nullptr && set_direct(out.get())) {
+        direct_write = true;
+        std::fputs("write - Using DIRECT IO !!!\n", stderr);
+    }
+    if (code == 0 && quiet_file_start.load(std::memory_order_relaxed) == 0) {
+        // The start event's percent is a fraction without the factor 100:
+        // it reads 0.
+        const int32_t percent =
+            progress.item_total == 0 ? 0 : static_cast<int32_t>((progress.item_done - size) / progress.item_total);
+        report.send(percent, size, 0);
+    }
+
+    bool first_write = true;
+    while (code == 0) {
+        const ssize_t got = read_some(in.get(), data, buffer.size);
+        if (got < 0) {
+            // A read error is not the end of the file: the copy is
+            // incomplete and a move must keep its source.
+            code = +rc::open_failed;
+            break;
+        }
+        if (got < 1) break;
+        remaining = remaining < chunk ? 0 : remaining - chunk;
+        if (got < chunk) {
+            // The unaligned tail goes through the cache.
+            out.reset(::open(target, O_WRONLY | O_CLOEXEC));
+            if (!out.valid() || ::lseek(out.get(), 0, SEEK_END) < 0) {
+                code = +rc::write_failed;
+                break;
+            }
+            direct_write = false;
+        }
+        if (from_network) flush_data_cache(data, got);
+        ssize_t put = write_all(out.get(), data, static_cast<std::size_t>(got));
+        if (put < 1 && first_write && direct_write) {
+            out.reset(create_target(target));
+            direct_write = false;
+            put = out.valid() ? write_all(out.get(), data, static_cast<std::size_t>(got)) : -1;
+        }
+        if (put < 1) {
+            std::fprintf(stderr, "write error=%d %d\n", errno, static_cast<int>(put));
+            code = +rc::write_failed;
+            break;
+        }
+        first_write = false;
+        if (remaining < threshold) {
+            const int64_t percent = progress.step == sixteen_mib
+                                        ? (progress.item_done - threshold) * 100 / progress.item_total
+                                        : steps_done + 1;
+            steps_done = percent;
+            report.send(static_cast<int32_t>(percent), threshold, 0);
+            threshold -= progress.step;
+        }
+    }
+    if (remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, 0);
+
+    in.reset();
+    if (out.valid() && !out.close_checked() && code == 0) {
+        std::fprintf(stderr, "write error=%d %d\n", errno, -1);
+        code = +rc::write_failed;
+    }
+    if (code == 0) return +rc::ok;
+    report.send(percent_of(progress.item_done - remaining, progress.item_total), remaining, code);
+    return code;
+}
+
+namespace {
+
+struct folder_entry {
+    std::string name;
+    bool is_folder;
+};
+
+// The source folder's entries without "." and "..", folders first, then in
+// natural name order. False when the folder cannot be read.
+bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcept {
+    int fd = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    plugin::unique_dir dir(::fdopendir(fd));
+    if (dir == nullptr) {
+        ::close(fd);
+        return false;
+    }
+#if defined(__cpp_exceptions)
+    try {
+#endif
+        for (;;) {
+            errno = 0;
+            const dirent *e = ::readdir(dir.get());
+            if (e == nullptr) break;
+            if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+            bool is_folder = e->d_type == DT_DIR;
+            if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
+                struct stat st{};
+                is_folder = ::fstatat(::dirfd(dir.get()), e->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
+            }
+            entries.push_back({e->d_name, is_folder});
+        }
+        std::sort(entries.begin(), entries.end(), [](const folder_entry &a, const folder_entry &b) {
+            if (a.is_folder != b.is_folder) return a.is_folder;
+            return natural_compare(a.name.c_str(), b.name.c_str()) < 0;
+        });
+#if defined(__cpp_exceptions)
+    } catch (...) {
+        return false;
+    }
+#endif
+    return true;
+}
+
+}  // namespace
+
+int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buffer &target,
+                                  TransferProgress &progress, uint32_t operation, const char *from,
+                                  const char *to) noexcept {
+    const reporter report{progress, operation, base_name(source), from, to};
+    std::size_t source_length = std::strlen(source);
+    std::size_t target_length = std::strlen(target);
+    if (source_length >= plugin::path_max - 1 || target_length >= plugin::path_max - 1) {
+        report.send_current(+rc::bad_path);
+        return +rc::bad_path;
+    }
+    if (::mkdir(target, 0777) != 0) {
+        report.send_current(+rc::io);
+        return +rc::io;
+    }
+    progress.item_done += 4096;
+    progress.whole_done += 4096;
+    (void)::chown(target, user_owner, user_group);
+    if (source_length == 0 || source[source_length - 1] != '/') source[source_length++] = '/', source[source_length] = '\0';
+    if (target[target_length - 1] != '/') target[target_length++] = '/', target[target_length] = '\0';
+
+    std::vector<folder_entry> entries;
+    if (!list_folder(source, entries)) {
+        std::fprintf(stderr, "source[%s] no contents\n", source);
+        // Nothing was copied: a move must not remove this source.
+        quiet_file_start.store(0, std::memory_order_relaxed);
+        report.send_current(+rc::open_failed);
+        return +rc::open_failed;
+    }
+    int32_t result = 0;
+    for (auto e = entries.rbegin(); e != entries.rend() && result == 0; ++e) {
+        const std::size_t name_length = e->name.size();
+        if (source_length + name_length >= plugin::path_max || target_length + name_length >= plugin::path_max)
+            continue;
+        std::memcpy(source + source_length, e->name.c_str(), name_length + 1);
+        std::memcpy(target + target_length, e->name.c_str(), name_length + 1);
+        result = e->is_folder ? copy_folder_with_progress(source, target, progress, operation, from, to)
+                              : copy_file_with_progress(source, target, progress, operation, from, to);
+        (void)::chown(target, user_owner, user_group);
+        source[source_length] = '\0';
+        target[target_length] = '\0';
+        quiet_file_start.store(1, std::memory_order_relaxed);
+    }
+    quiet_file_start.store(0, std::memory_order_relaxed);
+    return result;
+}
+
+int32_t move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,
+                       const char *to) noexcept {
+    const reporter report{progress, op_move, base_name(source), from, to};
+    if (isfileexist(source) == 0) {
+        report.send(0, 0, +rc::missing_source);
+        return +rc::missing_source;
+    }
+    report.send(0, 0, 0);
+    const char *argv[] = {"mv", "--", source, target, nullptr};
+    plugin::spawn_options quiet;
+    quiet.quiet_stderr = true;
+    if (plugin::run_program(argv, quiet) != 0) {
+        report.send(0, 0, +rc::io);
+        return +rc::io;
+    }
+    progress.item_done = progress.item_total;
+    progress.whole_done += progress.item_total;
+    report.send(100, 0, 0);
+    return +rc::ok;
+}
+
+bool make_target_path(std::span<char> out, char *folder, const char *name, bool unique) noexcept {
+    std::size_t length = std::strlen(folder);
+    if (length > 0 && folder[length - 1] == '/') folder[length - 1] = '\0';
+    const char *separator = name[0] == '/' ? "" : "/";
+    if (!plugin::format_into(out, "%s%s%s", folder, separator, name)) return false;
+    if (!unique || isfileexist(out.data()) == 0) return true;
+    const char *bare = name[0] == '/' ? name + 1 : name;
+    for (int counter = 1; counter > 0; ++counter) {
+        if (!plugin::format_into(out, "%s/copy_%d_of_%s", folder, counter, bare)) return false;
+        if (isfileexist(out.data()) == 0) return true;
+    }
+    return false;
+}
+
+namespace {
+int ascii_lower(unsigned char c) noexcept { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; }
+}  // namespace
+
+int natural_compare(const char *a, const char *b) noexcept {
+    // Case-insensitive; runs of digits compare by value (leading zeros
+    // ignored), then by their length; the byte order breaks remaining ties.
+    const char *p = a;
+    const char *q = b;
+    while (*p != '\0' && *q != '\0') {
+        const auto cp = static_cast<unsigned char>(*p);
+        const auto cq = static_cast<unsigned char>(*q);
+        if (is_digit(cp) && is_digit(cq)) {
+            const char *ps = p, *qs = q;
+            while (*ps == '0') ++ps;
+            while (*qs == '0') ++qs;
+            const char *pe = ps, *qe = qs;
+            while (is_digit(static_cast<unsigned char>(*pe))) ++pe;
+            while (is_digit(static_cast<unsigned char>(*qe))) ++qe;
+            if (pe - ps != qe - qs) return (pe - ps) < (qe - qs) ? -1 : 1;
+            if (int c = std::strncmp(ps, qs, static_cast<std::size_t>(pe - ps)); c != 0) return c < 0 ? -1 : 1;
+            if ((pe - p) != (qe - q)) return (pe - p) < (qe - q) ? -1 : 1;
+            p = pe;
+            q = qe;
+            continue;
+        }
+        const int lp = ascii_lower(cp), lq = ascii_lower(cq);
+        if (lp != lq) return lp < lq ? -1 : 1;
+        ++p;
+        ++q;
+    }
+    if (*p != *q) return *p == '\0' ? -1 : 1;
+    const int c = std::strcmp(a, b);
+    return c < 0 ? -1 : (c > 0 ? 1 : 0);
+}
+
+}  // namespace transfer
