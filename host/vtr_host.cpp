@@ -1,0 +1,416 @@
+// vtr-host: loads the file_operation plug-in the way the player's command
+// server does and feeds it requests from the command line or from standard
+// input.
+//
+//   vtr-host [--plugin PATH] [--config FILE] [--drives DIR] run SUBCOMMAND ARG...
+//   vtr-host [options] serve-stdio
+//   vtr-host [options] describe
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/sim/xml_tree.h"
+#include "platform/host_api.h"
+
+#ifndef FILEOP_INSTALL_LIBDIR
+#define FILEOP_INSTALL_LIBDIR "lib"
+#endif
+
+namespace {
+
+constexpr const char *plugin_file = "libvantor_command_server_command_file_operation.so";
+constexpr const char *factory_name = "VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor";
+constexpr const char *run_name = "VANTOR_COMMAND_SERVER_func_run_command_file_operation";
+constexpr uint32_t host_marker = 0xa5a5a5a5u;  // the host's own words: must survive the factory
+
+FILE *protocol = stdout;  // the host's own output; the plug-in's printf goes to stderr
+
+void usage() {
+    std::fprintf(stderr,
+                 "usage: vtr-host [--plugin PATH] [--config FILE] [--drives DIR] COMMAND\n"
+                 "commands:\n"
+                 "  run SUBCOMMAND [ARG...]  one request; prints \"result: N\" and the answer XML\n"
+                 "  serve-stdio              one request per input line (JSON array of strings),\n"
+                 "                           one JSON answer line each\n"
+                 "  describe                 the descriptor the plug-in's factory filled in\n");
+}
+
+std::string self_dir() {
+    char buf[PATH_MAX];
+    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return ".";
+    buf[n] = '\0';
+    std::string p(buf);
+    std::size_t slash = p.find_last_of('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
+}
+
+std::string self_exe() {
+    char buf[PATH_MAX];
+    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return {};
+    buf[n] = '\0';
+    return buf;
+}
+
+bool exists(const std::string &p) {
+    struct stat st {};
+    return ::stat(p.c_str(), &st) == 0;
+}
+
+std::string absolute(const std::string &p) {
+    if (p.empty() || p[0] == '/') return p;
+    char cwd[PATH_MAX];
+    if (::getcwd(cwd, sizeof cwd) == nullptr) return p;
+    return std::string(cwd) + "/" + p;
+}
+
+std::string default_plugin() {
+    std::string dir = self_dir();
+    const std::string candidates[] = {
+        dir + "/" + plugin_file,                                   // build tree
+        dir + "/../" + FILEOP_INSTALL_LIBDIR + "/" + plugin_file,  // installed
+        dir + "/../lib/" + plugin_file,
+    };
+    for (const std::string &c : candidates)
+        if (exists(c)) return c;
+    return candidates[0];
+}
+
+// --drives: a private mount namespace (and, when not root, a user namespace
+// mapping the caller to root) with a tmpfs on /opt/vtrhttpd and DIR bound at
+// /opt/vtrhttpd/localhost.drives. The first pass re-executes through
+// unshare(1); the second pass (VTR_HOST_NAMESPACE set) does the mounts.
+int enter_drives_namespace(const std::string &dir, char **argv) {
+    if (std::getenv("VTR_HOST_NAMESPACE") == nullptr) {
+        std::string exe = self_exe();
+        ::setenv("VTR_HOST_NAMESPACE", "1", 1);
+        std::vector<const char *> args{"unshare", "--mount", "--propagation", "private"};
+        if (::geteuid() != 0) args.push_back("--map-root-user");
+        args.push_back("--");
+        args.push_back(exe.c_str());
+        for (int i = 1; argv[i] != nullptr; ++i) args.push_back(argv[i]);
+        args.push_back(nullptr);
+        ::execvp("unshare", const_cast<char *const *>(args.data()));
+        std::perror("vtr-host: unshare");
+        return -1;
+    }
+    int source = ::open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (source < 0) {
+        std::fprintf(stderr, "vtr-host: --drives %s: %s\n", dir.c_str(), std::strerror(errno));
+        return -1;
+    }
+    const char *top = exists("/opt/vtrhttpd") ? "/opt/vtrhttpd" : "/opt";
+    if (::mount("tmpfs", top, "tmpfs", 0, "mode=0755") != 0) {
+        std::fprintf(stderr, "vtr-host: tmpfs on %s: %s\n", top, std::strerror(errno));
+        return -1;
+    }
+    ::mkdir("/opt/vtrhttpd", 0755);
+    ::mkdir("/opt/vtrhttpd/localhost.drives", 0755);
+    ::mkdir("/opt/vtrhttpd/default", 0755);
+    std::string from = "/proc/self/fd/" + std::to_string(source);
+    if (::mount(from.c_str(), "/opt/vtrhttpd/localhost.drives", nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        std::fprintf(stderr, "vtr-host: bind %s: %s\n", dir.c_str(), std::strerror(errno));
+        return -1;
+    }
+    ::close(source);
+    std::string client = self_dir() + "/netfs_client";
+    if (exists(client)) (void)::symlink(client.c_str(), "/opt/vtrhttpd/default/netfs_client");
+    return 0;
+}
+
+struct plugin_handle {
+    void *lib = nullptr;
+    CommandDescriptor descriptor{};
+    VantorRunEntry run = nullptr;
+    VantorRunEntry exported_run = nullptr;
+};
+
+bool load_plugin(const std::string &path, plugin_handle &p) {
+    p.lib = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (p.lib == nullptr) {
+        std::fprintf(stderr, "vtr-host: cannot load %s: %s\n", path.c_str(), ::dlerror());
+        return false;
+    }
+    using factory_fn = CommandDescriptor *(*)(CommandDescriptor *);
+    auto factory = reinterpret_cast<factory_fn>(::dlsym(p.lib, factory_name));
+    p.exported_run = reinterpret_cast<VantorRunEntry>(::dlsym(p.lib, run_name));
+    if (factory == nullptr) {
+        std::fprintf(stderr, "vtr-host: %s has no %s\n", path.c_str(), factory_name);
+        return false;
+    }
+    std::memset(&p.descriptor, 0, sizeof p.descriptor);
+    p.descriptor.host_word0 = p.descriptor.host_word36 = p.descriptor.host_word44 =
+        p.descriptor.host_word48 = host_marker;
+    CommandDescriptor *d = factory(&p.descriptor);
+    if (d != &p.descriptor || p.descriptor.run == nullptr) {
+        std::fprintf(stderr, "vtr-host: the factory did not fill the descriptor\n");
+        return false;
+    }
+    p.run = p.descriptor.run;
+    return true;
+}
+
+struct answer {
+    int32_t result;
+    vtrsim::xml_node *tree;
+};
+
+answer run_request(const plugin_handle &p, const std::vector<std::string> &words) {
+    std::vector<char *> pointers;
+    std::vector<std::string> copies = words;  // the plug-in gets writable texts
+    std::size_t bytes = offsetof(CommandArgs, argv) + sizeof(char *) * (copies.size() + 1);
+    auto *args = static_cast<CommandArgs *>(std::calloc(1, bytes));
+    if (args == nullptr) return {1, nullptr};
+    args->argc = static_cast<int32_t>(copies.size());
+    for (std::size_t i = 0; i < copies.size(); ++i) args->argv[i] = copies[i].data();
+    CommandRequest request{host_marker, host_marker, args};
+    vtrsim::xml_node *root = vtrsim::new_root("response");
+    int32_t result = p.run(&request, nullptr, nullptr, root);
+    std::free(args);
+    return {result, root};
+}
+
+void print_describe(const plugin_handle &p) {
+    const CommandDescriptor &d = p.descriptor;
+    bool untouched = d.host_word0 == host_marker && d.host_word36 == host_marker &&
+                     d.host_word44 == host_marker && d.host_word48 == host_marker;
+    std::fprintf(protocol, "name: %.*s\n", static_cast<int>(sizeof d.name), d.name);
+    std::fprintf(protocol, "value40: %d\nvalue52: %d\nvalue56: %d\nvalue60: %d\n", d.value40, d.value52,
+                 d.value56, d.value60);
+    std::fprintf(protocol, "run: %s\n", d.run == p.exported_run ? "exported run entry" : "other");
+    std::fprintf(protocol, "host words: %s\n", untouched ? "untouched" : "changed");
+}
+
+// ---- the serve-stdio protocol: one JSON array of strings per line ----
+
+struct json_reader {
+    const std::string &s;
+    std::size_t i = 0;
+    std::string error;
+
+    void skip_space() {
+        while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\r' || s[i] == '\n')) ++i;
+    }
+    bool fail(const char *what) {
+        if (error.empty()) error = std::string(what) + " at offset " + std::to_string(i);
+        return false;
+    }
+    bool hex4(unsigned &out) {
+        if (i + 4 > s.size()) return fail("short \\u escape");
+        out = 0;
+        for (int k = 0; k < 4; ++k) {
+            char c = s[i++];
+            out <<= 4;
+            if (c >= '0' && c <= '9') out |= static_cast<unsigned>(c - '0');
+            else if (c >= 'a' && c <= 'f') out |= static_cast<unsigned>(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F') out |= static_cast<unsigned>(c - 'A' + 10);
+            else return fail("bad \\u escape");
+        }
+        return true;
+    }
+    // One raw UTF-8 character of the line as a code point.
+    bool utf8(unsigned &cp) {
+        auto c = static_cast<unsigned char>(s[i]);
+        int extra = c < 0x80 ? 0 : (c & 0xe0) == 0xc0 ? 1 : (c & 0xf0) == 0xe0 ? 2 : (c & 0xf8) == 0xf0 ? 3 : -1;
+        if (extra < 0 || i + static_cast<std::size_t>(extra) >= s.size()) return fail("invalid UTF-8");
+        cp = extra == 0 ? c : c & (0x3f >> extra);
+        for (int k = 1; k <= extra; ++k) {
+            auto d = static_cast<unsigned char>(s[i + static_cast<std::size_t>(k)]);
+            if ((d & 0xc0) != 0x80) return fail("invalid UTF-8");
+            cp = (cp << 6) | (d & 0x3f);
+        }
+        i += static_cast<std::size_t>(extra) + 1;
+        return true;
+    }
+    bool string(std::string &out) {
+        if (i >= s.size() || s[i] != '"') return fail("expected a string");
+        ++i;
+        for (;;) {
+            if (i >= s.size()) return fail("unterminated string");
+            unsigned cp = 0;
+            char c = s[i];
+            if (c == '"') {
+                ++i;
+                return true;
+            }
+            if (static_cast<unsigned char>(c) < 0x20) return fail("control character in string");
+            if (c == '\\') {
+                if (++i >= s.size()) return fail("unterminated escape");
+                char e = s[i++];
+                switch (e) {
+                case '"': cp = '"'; break;
+                case '\\': cp = '\\'; break;
+                case '/': cp = '/'; break;
+                case 'b': cp = '\b'; break;
+                case 'f': cp = '\f'; break;
+                case 'n': cp = '\n'; break;
+                case 'r': cp = '\r'; break;
+                case 't': cp = '\t'; break;
+                case 'u':
+                    if (!hex4(cp)) return false;
+                    break;
+                default: --i; return fail("unknown escape");
+                }
+            } else if (!utf8(cp)) {
+                return false;
+            }
+            if (cp == 0) return fail("NUL cannot be sent");
+            if (cp > 255) return fail("code point above 255");
+            out += static_cast<char>(cp);
+        }
+    }
+    bool array(std::vector<std::string> &out) {
+        skip_space();
+        if (i >= s.size() || s[i] != '[') return fail("expected [");
+        ++i;
+        skip_space();
+        if (i < s.size() && s[i] == ']') {
+            ++i;
+        } else {
+            for (;;) {
+                skip_space();
+                std::string item;
+                if (!string(item)) return false;
+                out.push_back(std::move(item));
+                skip_space();
+                if (i < s.size() && s[i] == ',') {
+                    ++i;
+                    continue;
+                }
+                if (i < s.size() && s[i] == ']') {
+                    ++i;
+                    break;
+                }
+                return fail("expected , or ]");
+            }
+        }
+        skip_space();
+        if (i != s.size()) return fail("text after the array");
+        return true;
+    }
+};
+
+std::string json_quote(const std::string &text) {
+    std::string out = "\"";
+    char esc[8];
+    for (char ch : text) {
+        auto c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += ch;
+        } else if (c < 0x20 || c >= 0x7f) {
+            std::snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += ch;
+        }
+    }
+    return out + "\"";
+}
+
+int serve_stdio(const plugin_handle &p) {
+    char *line = nullptr;
+    size_t cap = 0;
+    ssize_t len;
+    while ((len = ::getline(&line, &cap, stdin)) >= 0) {
+        std::string text(line, static_cast<std::size_t>(len));
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+        std::vector<std::string> words;
+        json_reader reader{text, 0, {}};
+        std::string out;
+        if (!reader.array(words)) {
+            out = "{\"error\": " + json_quote(reader.error) + "}";
+        } else if (words.empty()) {
+            out = "{\"error\": \"empty request\"}";
+        } else {
+            answer a = run_request(p, words);
+            out = "{\"result\": " + std::to_string(a.result) + ", \"answer\": " + vtrsim::to_json(a.tree) + "}";
+            vtrsim::free_tree(a.tree);
+        }
+        out += '\n';
+        std::fwrite(out.data(), 1, out.size(), protocol);
+        std::fflush(protocol);
+        std::fflush(stdout);
+    }
+    std::free(line);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    std::string plugin_path, drives;
+    int i = 1;
+    for (; i < argc; ++i) {
+        std::string a = argv[i];
+        if ((a == "--plugin" || a == "--config" || a == "--drives") && i + 1 < argc) {
+            std::string v = argv[++i];
+            if (a == "--plugin") plugin_path = absolute(v);
+            else if (a == "--config") ::setenv("VTR_CONFIG", absolute(v).c_str(), 1);
+            else drives = absolute(v);
+        } else if (a == "-h" || a == "--help") {
+            usage();
+            return 0;
+        } else if (a.rfind("--", 0) == 0) {
+            usage();
+            return 2;
+        } else {
+            break;
+        }
+    }
+    if (i >= argc) {
+        usage();
+        return 2;
+    }
+    std::string command = argv[i++];
+    if (command != "run" && command != "serve-stdio" && command != "describe") {
+        usage();
+        return 2;
+    }
+    if (command == "run" && i >= argc) {
+        usage();
+        return 2;
+    }
+    if (!drives.empty() && enter_drives_namespace(drives, argv) != 0) return 1;
+    if (plugin_path.empty()) plugin_path = default_plugin();
+
+    // The host's own output keeps the original standard output; whatever
+    // the plug-in prints goes to standard error.
+    int out_fd = ::fcntl(1, F_DUPFD_CLOEXEC, 3);
+    if (out_fd >= 0 && ::dup2(2, 1) >= 0) {
+        protocol = ::fdopen(out_fd, "w");
+        if (protocol == nullptr) return 1;
+    }
+    if (::chdir("/") != 0) std::perror("vtr-host: chdir /");
+
+    plugin_handle p;
+    if (!load_plugin(plugin_path, p)) return 1;
+
+    int status = 0;
+    if (command == "describe") {
+        print_describe(p);
+    } else if (command == "run") {
+        std::vector<std::string> words(argv + i, argv + argc);
+        answer a = run_request(p, words);
+        std::fprintf(protocol, "result: %d\n%s\n", a.result, vtrsim::to_xml(a.tree).c_str());
+        vtrsim::free_tree(a.tree);
+    } else {
+        status = serve_stdio(p);
+    }
+    std::fflush(stdout);
+    std::fflush(protocol);
+    return status;
+}
