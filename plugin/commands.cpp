@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 
+#include "listing/list_command.h"
 #include "plugin/result.h"
 #include "transfer/batch.h"
 #include "transfer/selection.h"
@@ -13,6 +14,7 @@ namespace {
 // Rows are compared in this order; each issue that builds a handler adds its
 // row here together with the handler.
 constexpr std::array user_commands{
+    command{"list_user_storage_file", at_least(8), listing::list_user_storage_file},
     command{"select_user_storage_file_to_list", exactly(3), transfer::select_user_storage_file_to_list},
     command{"delete_user_storage_file_from_list", between(1, 2), transfer::delete_user_storage_file_from_list},
     command{"copy_user_storage_file_from_list", exactly(2),
