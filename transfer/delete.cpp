@@ -14,6 +14,7 @@
 #include <new>
 #include <string_view>
 
+#include "media/disc.h"
 #include "platform/host_api.h"
 #include "plugin/result.h"
 #include "plugin/util.h"
@@ -23,8 +24,6 @@
 #include "transfer/progress.h"
 #include "transfer/selection.h"
 
-// Disc structure of a folder (0: none); part of the plug-in's exports.
-extern "C" unsigned vantor_command_server_cdtypedetection(const char *folder);
 
 namespace transfer {
 namespace {

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "listing/order.h"
 #include "platform/host_api.h"
 #include "plugin/result.h"
 
@@ -33,7 +34,6 @@ constexpr int64_t sixteen_mib = 16777216;
 constexpr uid_t user_owner = 1001;
 constexpr gid_t user_group = 1001;
 
-bool is_digit(unsigned char c) noexcept { return c >= '0' && c <= '9'; }
 
 // The figures every event of one operation shares.
 struct reporter {
@@ -239,7 +239,8 @@ namespace {
 
 struct folder_entry {
     std::string name;
-    bool is_folder;
+    unsigned char d_type;  // as read: the listing order's folder test
+    bool is_folder;        // followed through links: copied as a folder
 };
 
 // The source folder's entries without "." and "..", folders first, then in
@@ -265,11 +266,15 @@ bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcep
                 struct stat st{};
                 is_folder = ::fstatat(::dirfd(dir.get()), e->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
             }
-            entries.push_back({e->d_name, is_folder});
+            entries.push_back({e->d_name, e->d_type, is_folder});
         }
         std::sort(entries.begin(), entries.end(), [](const folder_entry &a, const folder_entry &b) {
-            if (a.is_folder != b.is_folder) return a.is_folder;
-            return natural_compare(a.name.c_str(), b.name.c_str()) < 0;
+            listing::sort_entry x, y;
+            x.name = a.name.c_str();
+            x.d_type = a.d_type;
+            y.name = b.name.c_str();
+            y.d_type = b.d_type;
+            return listing::compare_name_ascending(x, y) < 0;
         });
 #if defined(__cpp_exceptions)
     } catch (...) {
@@ -360,42 +365,6 @@ bool make_target_path(std::span<char> out, char *folder, const char *name, bool 
         if (isfileexist(out.data()) == 0) return true;
     }
     return false;
-}
-
-namespace {
-int ascii_lower(unsigned char c) noexcept { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; }
-}  // namespace
-
-int natural_compare(const char *a, const char *b) noexcept {
-    // Case-insensitive; runs of digits compare by value (leading zeros
-    // ignored), then by their length; the byte order breaks remaining ties.
-    const char *p = a;
-    const char *q = b;
-    while (*p != '\0' && *q != '\0') {
-        const auto cp = static_cast<unsigned char>(*p);
-        const auto cq = static_cast<unsigned char>(*q);
-        if (is_digit(cp) && is_digit(cq)) {
-            const char *ps = p, *qs = q;
-            while (*ps == '0') ++ps;
-            while (*qs == '0') ++qs;
-            const char *pe = ps, *qe = qs;
-            while (is_digit(static_cast<unsigned char>(*pe))) ++pe;
-            while (is_digit(static_cast<unsigned char>(*qe))) ++qe;
-            if (pe - ps != qe - qs) return (pe - ps) < (qe - qs) ? -1 : 1;
-            if (int c = std::strncmp(ps, qs, static_cast<std::size_t>(pe - ps)); c != 0) return c < 0 ? -1 : 1;
-            if ((pe - p) != (qe - q)) return (pe - p) < (qe - q) ? -1 : 1;
-            p = pe;
-            q = qe;
-            continue;
-        }
-        const int lp = ascii_lower(cp), lq = ascii_lower(cq);
-        if (lp != lq) return lp < lq ? -1 : 1;
-        ++p;
-        ++q;
-    }
-    if (*p != *q) return *p == '\0' ? -1 : 1;
-    const int c = std::strcmp(a, b);
-    return c < 0 ? -1 : (c > 0 ? 1 : 0);
 }
 
 }  // namespace transfer

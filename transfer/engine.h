@@ -60,8 +60,4 @@ constexpr int64_t report_threshold(const TransferProgress &p, int64_t size) noex
     return distance < size ? size - distance : 0;
 }
 
-// Names in the folder copy's order: folders first, then case-insensitive
-// with digit runs compared by value. Negative, 0 or positive.
-int natural_compare(const char *a, const char *b) noexcept;
-
 }  // namespace transfer

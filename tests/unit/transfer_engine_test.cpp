@@ -89,13 +89,6 @@ TEST(EngineRules, ReportStepsAndThresholds) {
     EXPECT_EQ(transfer::report_threshold(p, 40), 0);
 }
 
-TEST(EngineRules, NaturalNameOrder) {
-    const char *ordered[] = {"a", "A2", "a10", "a010", "b", "B1c", "file 9", "file 10", "x"};
-    for (std::size_t i = 0; i + 1 < std::size(ordered); ++i)
-        EXPECT_LT(transfer::natural_compare(ordered[i], ordered[i + 1]), 0) << ordered[i] << " " << ordered[i + 1];
-    EXPECT_EQ(transfer::natural_compare("same", "same"), 0);
-}
-
 TEST_F(Engine, ReportPointsOfSixteenMibAndOfHundredths) {
     event_pipe pipe;
     make_sparse(work + "/forty", 40 * MiB);

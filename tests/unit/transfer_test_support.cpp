@@ -1,6 +1,5 @@
 // Test support of the transfer tests: configuration variables through the
-// simulated host's configuration file, and a stand-in for the disc
-// detection of the media module (weak: the real one wins when linked).
+// simulated host's configuration file.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,9 +31,3 @@ void set_var(const std::string &name, const std::string &value) {
 
 }  // namespace test_support
 
-// The disc detection belongs to the media module; this stand-in knows the
-// Blu-ray movie marker only.
-extern "C" __attribute__((weak)) unsigned vantor_command_server_cdtypedetection(const char *folder) {
-    std::string marker = std::string(folder) + "/BDMV/index.bdmv";
-    return ::access(marker.c_str(), R_OK) == 0 ? 1 : 0;
-}
