@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -114,6 +115,99 @@ ssize_t write_all(int fd, const char *buffer, std::size_t length) noexcept {
     return static_cast<ssize_t>(written);
 }
 
+// Writes one chunk at a time on a helper thread while the copy reads the
+// next chunk into the other half of its buffer: a direct read and a direct
+// write are then in flight together, as the cache's read-ahead and
+// write-back would overlap them.
+class background_writer {
+public:
+    background_writer() noexcept = default;
+    background_writer(const background_writer &) = delete;
+    background_writer &operator=(const background_writer &) = delete;
+    ~background_writer() {
+        if (!started_) return;
+        ::pthread_mutex_lock(&mutex_);
+        quit_ = true;
+        ::pthread_cond_broadcast(&cond_);
+        ::pthread_mutex_unlock(&mutex_);
+        ::pthread_join(thread_, nullptr);
+    }
+    // False when no helper thread could be started (the copy then writes
+    // every chunk itself).
+    bool start() noexcept {
+        started_ = ::pthread_create(&thread_, nullptr, &background_writer::run, this) == 0;
+        return started_;
+    }
+    void submit(int fd, const char *data, std::size_t length) noexcept {
+        ::pthread_mutex_lock(&mutex_);
+        fd_ = fd;
+        data_ = data;
+        length_ = length;
+        busy_ = true;
+        ::pthread_cond_broadcast(&cond_);
+        ::pthread_mutex_unlock(&mutex_);
+    }
+    // Waits for the chunk in flight; the result of its write (below 1 on
+    // failure, with the error number in *error), then forgotten.
+    ssize_t wait(int *error) noexcept {
+        ::pthread_mutex_lock(&mutex_);
+        while (busy_) ::pthread_cond_wait(&cond_, &mutex_);
+        ssize_t result = result_;
+        *error = error_;
+        result_ = 1;
+        error_ = 0;
+        ::pthread_mutex_unlock(&mutex_);
+        return result;
+    }
+
+private:
+    static void *run(void *self) noexcept {
+        auto *w = static_cast<background_writer *>(self);
+        ::pthread_mutex_lock(&w->mutex_);
+        for (;;) {
+            while (!w->busy_ && !w->quit_) ::pthread_cond_wait(&w->cond_, &w->mutex_);
+            if (w->quit_) break;
+            const int fd = w->fd_;
+            const char *data = w->data_;
+            const std::size_t length = w->length_;
+            ::pthread_mutex_unlock(&w->mutex_);
+            const ssize_t put = write_all(fd, data, length);
+            const int error = errno;
+            ::pthread_mutex_lock(&w->mutex_);
+            if (put < 1) {
+                w->result_ = put;
+                w->error_ = error;
+            }
+            w->busy_ = false;
+            ::pthread_cond_broadcast(&w->cond_);
+        }
+        ::pthread_mutex_unlock(&w->mutex_);
+        return nullptr;
+    }
+
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
+    pthread_t thread_{};
+    bool started_ = false;
+    bool quit_ = false;
+    bool busy_ = false;
+    int fd_ = -1;
+    const char *data_ = nullptr;
+    std::size_t length_ = 0;
+    ssize_t result_ = 1;
+    int error_ = 0;
+};
+
+// Waits for the chunk in flight; false (and the write error reported) when
+// its write failed.
+bool drain(background_writer &writer) noexcept {
+    int error = 0;
+    const ssize_t put = writer.wait(&error);
+    if (put >= 1) return true;
+    std::fprintf(stderr, "write error=%d %d\n", error, static_cast<int>(put));
+    return false;
+}
+
 }  // namespace
 
 const char *base_name(const char *path) noexcept {
@@ -155,13 +249,32 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
     if (in.valid()) out.reset(create_target(target));
     if (!in.valid() || !out.valid()) code = +rc::open_failed;
 
+    // Files of more than one buffer are copied in two halves, the write of
+    // one overlapping the read of the next.
+    background_writer writer;
+    const bool overlap = code == 0 && size > chunk && writer.start();
+    const std::size_t chunk_size = overlap ? buffer.size / 2 : buffer.size;
     bool direct_write = false;
+    bool direct_read = false;
+    std::size_t prefetched = 0;  // probe bytes already at the start of the buffer
+    bool probe_reached_end = false;
     if (code == 0) {
         struct stat st{};
         if (::fstat(in.get(), &st) == 0 && st.st_size >= 1024 && set_direct(in.get())) {
-            if (read_some(in.get(), data, copy_alignment) > 0) {
+            // The test read: one block, or the whole file when it fits one
+            // chunk (then it is the only read the file costs). Its bytes
+            // are kept as the start of the first chunk.
+            const std::size_t probe_size =
+                size <= static_cast<int64_t>(chunk_size)
+                    ? static_cast<std::size_t>((size + copy_alignment - 1) / copy_alignment * copy_alignment)
+                    : copy_alignment;
+            const ssize_t probe = read_some(in.get(), data, probe_size);
+            if (probe > 0) {
                 std::fputs("read  - Using DIRECT IO !!!\n", stderr);
-                ::lseek(in.get(), 0, SEEK_SET);
+                direct_read = true;
+                prefetched = static_cast<std::size_t>(probe);
+                probe_reached_end = prefetched < probe_size || probe_size == chunk_size ||
+                                    prefetched % copy_alignment != 0;
             } else {
                 std::fputs("read  - Normal read !!!\n", stderr);
                 in.reset(open_source(source));
@@ -181,9 +294,23 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
         report.send(percent, size, 0);
     }
 
+    const auto step_bytes = static_cast<int64_t>(chunk_size);
+    char *const halves[2] = {data, data + (overlap ? chunk_size : 0)};
+    int half = 0;
     bool first_write = true;
     while (code == 0) {
-        const ssize_t got = read_some(in.get(), data, buffer.size);
+        char *const part = halves[half];
+        ssize_t got;
+        if (prefetched > 0) {
+            got = static_cast<ssize_t>(prefetched);
+            if (!probe_reached_end) {
+                const ssize_t more = read_some(in.get(), part + prefetched, chunk_size - prefetched);
+                got = more < 0 ? -1 : got + more;
+            }
+            prefetched = 0;
+        } else {
+            got = read_some(in.get(), part, chunk_size);
+        }
         if (got < 0) {
             // A read error is not the end of the file: the copy is
             // incomplete and a move must keep its source.
@@ -191,8 +318,19 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
             break;
         }
         if (got < 1) break;
-        remaining = remaining < chunk ? 0 : remaining - chunk;
-        if (got < chunk) {
+        remaining = remaining < step_bytes ? 0 : remaining - step_bytes;
+        if (overlap && !drain(writer)) {
+            code = +rc::write_failed;
+            break;
+        }
+        if (got < step_bytes && direct_read) {
+            // Past a short read the offset is unaligned: read on through
+            // the cache.
+            const int flags = ::fcntl(in.get(), F_GETFL);
+            if (flags >= 0) ::fcntl(in.get(), F_SETFL, flags & ~O_DIRECT);
+            direct_read = false;
+        }
+        if (got < step_bytes) {
             // The unaligned tail goes through the cache.
             out.reset(::open(target, O_WRONLY | O_CLOEXEC));
             if (!out.valid() || ::lseek(out.get(), 0, SEEK_END) < 0) {
@@ -201,17 +339,21 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
             }
             direct_write = false;
         }
-        if (from_network) flush_data_cache(data, got);
-        ssize_t put = write_all(out.get(), data, static_cast<std::size_t>(got));
-        if (put < 1 && first_write && direct_write) {
-            out.reset(create_target(target));
-            direct_write = false;
-            put = out.valid() ? write_all(out.get(), data, static_cast<std::size_t>(got)) : -1;
-        }
-        if (put < 1) {
-            std::fprintf(stderr, "write error=%d %d\n", errno, static_cast<int>(put));
-            code = +rc::write_failed;
-            break;
+        if (from_network) flush_data_cache(part, got);
+        if (overlap && !first_write && got == step_bytes) {
+            writer.submit(out.get(), part, static_cast<std::size_t>(got));
+        } else {
+            ssize_t put = write_all(out.get(), part, static_cast<std::size_t>(got));
+            if (put < 1 && first_write && direct_write) {
+                out.reset(create_target(target));
+                direct_write = false;
+                put = out.valid() ? write_all(out.get(), part, static_cast<std::size_t>(got)) : -1;
+            }
+            if (put < 1) {
+                std::fprintf(stderr, "write error=%d %d\n", errno, static_cast<int>(put));
+                code = +rc::write_failed;
+                break;
+            }
         }
         first_write = false;
         if (remaining < threshold) {
@@ -222,7 +364,9 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
             report.send(static_cast<int32_t>(percent), threshold, 0);
             threshold -= progress.step;
         }
+        if (overlap) half ^= 1;
     }
+    if (overlap && !drain(writer) && code == 0) code = +rc::write_failed;
     if (remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, 0);
 
     in.reset();
