@@ -335,6 +335,9 @@ int serve_stdio(const plugin_handle &p) {
             out = "{\"error\": " + json_quote(reader.error) + "}";
         } else if (words.empty()) {
             out = "{\"error\": \"empty request\"}";
+        } else if (words.size() == 1 && words[0] == "vtr-host:stats") {
+            out = "{\"stats\": {\"live_nodes\": " + std::to_string(vtrsim::live_nodes()) +
+                  ", \"orphan_nodes\": " + std::to_string(vtrsim::orphan_nodes()) + "}}";
         } else {
             answer a = run_request(p, words);
             out = "{\"result\": " + std::to_string(a.result) + ", \"answer\": " + vtrsim::to_json(a.tree) + "}";

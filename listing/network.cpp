@@ -265,9 +265,18 @@ int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool chec
 }
 
 bool local_path_to_share_url(const char *local_path, char (&out)[plugin::path_max]) noexcept {
-    if (local_path == nullptr) return false;
+    // Only the share whose display name is the folder below NETWORK_SHARE is
+    // asked for its mount path: asking for every configured share could
+    // make the network library mount them all.
+    constexpr std::string_view mounts = "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/";
+    if (local_path == nullptr || !plugin::starts_with(local_path, mounts)) return false;
+    std::string_view folder(local_path + mounts.size());
+    folder = folder.substr(0, folder.find('/'));
     for (int n = 0; n < netfs_pairs; ++n) {
         char variable[32];
+        std::snprintf(variable, sizeof variable, "netfs_name%d", n);
+        plugin::unique_malloc<char> name(get_var_mem(variable));
+        if (name == nullptr || folder != name.get()) continue;
         std::snprintf(variable, sizeof variable, "netfs_url%d", n);
         plugin::unique_malloc<char> url(get_var_mem(variable));
         if (url == nullptr) continue;

@@ -66,8 +66,9 @@ int32_t list_network_folder(VantorXmlNode *response_slot, const char *url, const
 // "device_type", with check_library "pvx". Returns the number appended.
 int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool check_library) noexcept;
 
-// The URL of the configured share whose mount holds the local path, with
-// the rest of the path behind it; false when no configured share holds it.
+// The URL of the configured share mounted at the local path's folder below
+// NETWORK_SHARE (the share of that display name, if its mount holds the
+// path), with the rest of the path behind it; false otherwise.
 bool local_path_to_share_url(const char *local_path, char (&out)[plugin::path_max]) noexcept;
 
 }  // namespace listing

@@ -30,7 +30,6 @@ namespace {
 
 constexpr std::string_view cdrom_tree = "/opt/vtrhttpd/localhost.drives/CDROM";        // 36
 constexpr std::string_view cdrom_tree_doubled = "/opt/vtrhttpd/localhost.drives//CDROM";  // 37
-constexpr std::string_view network_mounts = "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/";
 static_assert(cdrom_tree.size() == 36 && cdrom_tree_doubled.size() == 37);
 constexpr std::size_t label_file_bytes = 1023;
 constexpr std::size_t entry_path_max = plugin::path_max + 256 + 2;  // dir, "/", a name
@@ -362,7 +361,7 @@ int32_t share_list(VantorXmlNode *response_slot, const char *dir, uint64_t start
     plugin::path_buffer convert;
     convert[0] = '\0';
     if (!top_level) {
-        if (!plugin::starts_with(dir, network_mounts) || !local_path_to_share_url(dir, convert))
+        if (!local_path_to_share_url(dir, convert))
             plugin::copy_text(convert, dir);
         add_element(call->response, "convertPath", convert);
     }

@@ -30,6 +30,17 @@ constexpr std::array<marker, 4> single_markers{{
     {{"/DVD_RTAV/VR_MANGR.IFO", nullptr}, dvd_rtav},
 }};
 
+constexpr std::size_t spellings_of(const marker &m) {
+    return (m.spellings[0] != nullptr ? 1 : 0) + (m.spellings[1] != nullptr ? 1 : 0);
+}
+constexpr std::size_t most_open_attempts() {
+    std::size_t n = spellings_of(bdmv_index) + spellings_of(bdmv_movie);
+    for (const marker &m : single_markers) n += spellings_of(m);
+    return n;
+}
+// The detection runs for every folder of a listing page.
+static_assert(most_open_attempts() <= 10, "at most ten open attempts per folder");
+
 bool any_exists(char *buffer, int length, const marker &m) noexcept {
     for (const char *suffix : m.spellings)
         if (suffix != nullptr && vantor_command_server_existfile(buffer, length, suffix) == 1) return true;

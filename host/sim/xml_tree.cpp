@@ -188,6 +188,18 @@ std::size_t live_nodes() {
     return r.nodes.size();
 }
 
+std::size_t orphan_nodes() {
+    registry &r = nodes();
+    std::lock_guard g(r.lock);
+    std::size_t count = 0;
+    for (xml_node *n : r.nodes) {
+        xml_node *top = n;
+        while (top->parent != nullptr) top = top->parent;
+        if (r.roots.count(top) == 0) ++count;
+    }
+    return count;
+}
+
 std::string to_xml(const xml_node *node) {
     std::string out;
     if (node != nullptr) append_xml(out, node);

@@ -29,6 +29,9 @@ void free_tree(xml_node *root);
 std::size_t free_orphans();
 // Number of nodes currently alive (roots included): leak checks.
 std::size_t live_nodes();
+// Number of nodes alive that are in no tree (never appended, not roots),
+// those below them included.
+std::size_t orphan_nodes();
 
 // Well-formed XML of node and its subtree. Markup characters are escaped;
 // control bytes and, in text that is not valid UTF-8, every byte above 0x7f

@@ -15,6 +15,7 @@ Fixtures: drives, config, host, fresh_host, make_host, run_cli, fake_bin.
 """
 import json
 import os
+import select
 import shlex
 import shutil
 import subprocess
@@ -42,11 +43,14 @@ FAKE_BIN = OPT / "testbin"
 TMP_STATE = [
     "/tmp/fslist", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/usb_name.txt",
     "/tmp/netfs_client.log", "/tmp/vtr_framework_pipe",
+    # the ripper's status and control files
+    "/tmp/RippingStatus.txt", "/tmp/AlbumeName.txt", "/tmp/TrackNumber.txt", "/tmp/list.txt",
+    "/tmp/kill_paranoia",
 ]
-TMP_STATE_GLOBS = ["/tmp/fslist*", "/tmp/usr_file_list*", "/tmp/rip*", "/tmp/*.rip*",
-                   "/tmp/cd_*", "/tmp/download*"]
 
 VTR_HOST = BUILD_DIR / "vtr-host"
+# Seconds a single request may take (qemu is slow).
+REQUEST_TIMEOUT = float(os.environ.get("VTR_REQUEST_TIMEOUT", "600"))
 PLUGIN = BUILD_DIR / "libvantor_command_server_command_file_operation.so"
 
 
@@ -148,45 +152,57 @@ def host_env(extra=None):
 class Host:
     """A `vtr-host serve-stdio` process: one request per line, answers in order."""
 
-    def __init__(self, env=None, plugin=None):
+    def __init__(self, env=None, plugin=None, cwd="/"):
         cmd = [*EMULATOR, str(VTR_HOST)]
         if plugin:
             cmd += ["--plugin", str(plugin)]
         cmd.append("serve-stdio")
         self.cmd = cmd
         self.env = env
+        self.cwd = str(cwd)
         self.lock = threading.Lock()
         self.proc = None
         self.start()
 
     def start(self):
         self.proc = subprocess.Popen(self.cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     env=host_env(self.env), cwd="/")
+                                     env=host_env(self.env), cwd=self.cwd)
 
     def alive(self):
         return self.proc is not None and self.proc.poll() is None
 
-    def request_line(self, line):
-        """Sends one raw protocol line, returns the parsed JSON answer line."""
+    def request_line(self, line, timeout=REQUEST_TIMEOUT):
+        """Sends one raw protocol line, returns the parsed JSON answer line.
+        A host that does not answer within timeout seconds is killed."""
         with self.lock:
             if not self.alive():
                 raise HostError(f"vtr-host is not running (exit {self.proc.returncode})")
             self.proc.stdin.write(line.encode("ascii") + b"\n")
             self.proc.stdin.flush()
+            ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
+            if not ready:
+                self.proc.kill()
+                self.proc.wait()
+                raise HostError(f"vtr-host did not answer within {timeout} s: {line}")
             out = self.proc.stdout.readline()
             if not out:
                 code = self.proc.wait()
                 raise HostError(f"vtr-host died (exit status {code}) on {line}")
             return json.loads(out)
 
-    def run(self, *args):
+    def run(self, *args, timeout=REQUEST_TIMEOUT):
         """Runs one request: run("list_user_storage_file", "USB", ...).
         Arguments may be str or bytes."""
         line = json.dumps([to_wire(a) for a in args])
-        obj = self.request_line(line)
+        obj = self.request_line(line, timeout)
         if "error" in obj:
             raise HostError(obj["error"])
         return Answer(obj["result"], Node.from_json(obj["answer"]))
+
+    def stats(self):
+        """The host's own counters: {"live_nodes": N, "orphan_nodes": M}
+        (XML nodes alive; those never appended to any tree)."""
+        return self.request_line('["vtr-host:stats"]')["stats"]
 
     def close(self):
         if self.proc is None:
@@ -235,12 +251,6 @@ def drives():
             shutil.rmtree(p, ignore_errors=True)
         else:
             p.unlink(missing_ok=True)
-    for pattern in TMP_STATE_GLOBS:
-        for p in Path("/tmp").glob(pattern[len("/tmp/"):]):
-            if p.is_dir() and not p.is_symlink():
-                shutil.rmtree(p, ignore_errors=True)
-            else:
-                p.unlink(missing_ok=True)
     Path("/dev/cdrom").unlink(missing_ok=True)
     DEFAULT.mkdir(parents=True, exist_ok=True)
     client = TOOLS_DIR / "netfs_client"
@@ -264,8 +274,11 @@ class Config:
         self.write()
 
     def write(self):
+        # Replaced in one step: a host thread reading it never sees half a file.
         self.path.parent.mkdir(parents=True, exist_ok=True)
-        self.path.write_text("".join(f"{k}={v}\n" for k, v in self.values.items()))
+        tmp = self.path.with_name(self.path.name + ".new")
+        tmp.write_text("".join(f"{k}={v}\n" for k, v in self.values.items()))
+        os.replace(tmp, self.path)
 
     def __setitem__(self, key, value):
         self.values[key] = str(value)
@@ -353,11 +366,11 @@ def host(_host_process, drives, config):
 
 @pytest.fixture
 def make_host(drives, config):
-    """Factory for extra host processes: make_host(env={...}, plugin=path)."""
+    """Factory for extra host processes: make_host(env={...}, plugin=path, cwd=dir)."""
     made = []
 
-    def make(env=None, plugin=None):
-        h = Host(env=env, plugin=plugin)
+    def make(env=None, plugin=None, cwd="/"):
+        h = Host(env=env, plugin=plugin, cwd=cwd)
         made.append(h)
         return h
 
@@ -383,3 +396,69 @@ def run_cli(drives, config):
         return subprocess.run(cmd, capture_output=True, env=host_env(env), cwd="/", timeout=timeout)
 
     return run
+
+
+@pytest.fixture
+def usb_names(drives):
+    """usb_names({"USB_DRIVE_A-1": "My Stick"}) writes /tmp/usb_name.txt
+    (folder name, "|", display name, one line each)."""
+
+    def write(names):
+        Path("/tmp/usb_name.txt").write_text("".join(f"{k}|{v}\n" for k, v in names.items()))
+
+    return write
+
+
+class FrameworkPipe:
+    """Reader of /tmp/vtr_framework_pipe, as the player's user interface.
+    The FIFO is opened read-write so it always has a reader and never
+    reports end of file; lines are collected by a thread."""
+
+    PATH = Path("/tmp/vtr_framework_pipe")
+
+    def __init__(self):
+        self.PATH.unlink(missing_ok=True)
+        os.mkfifo(self.PATH, 0o666)
+        self.fd = os.open(self.PATH, os.O_RDWR | os.O_NONBLOCK)
+        self.lines = []
+        self._partial = b""
+        self._cond = threading.Condition()
+        self._stop = False
+        self._thread = threading.Thread(target=self._reader, daemon=True)
+        self._thread.start()
+
+    def _reader(self):
+        while not self._stop:
+            ready, _, _ = select.select([self.fd], [], [], 0.05)
+            if not ready:
+                continue
+            try:
+                data = os.read(self.fd, 65536)
+            except BlockingIOError:
+                continue
+            with self._cond:
+                self._partial += data
+                *done, self._partial = self._partial.split(b"\n")
+                self.lines.extend(d.decode("latin-1") for d in done)
+                self._cond.notify_all()
+
+    def wait_for(self, predicate, timeout=60):
+        """Waits until predicate(lines) is true; returns the lines."""
+        with self._cond:
+            if not self._cond.wait_for(lambda: predicate(self.lines), timeout):
+                raise AssertionError(f"framework pipe: condition not met; lines: {self.lines}")
+            return list(self.lines)
+
+    def close(self):
+        self._stop = True
+        self._thread.join()
+        os.close(self.fd)
+        self.PATH.unlink(missing_ok=True)
+
+
+@pytest.fixture
+def framework_pipe(drives):
+    """The progress-event FIFO with a reader: .lines, .wait_for(pred, timeout)."""
+    p = FrameworkPipe()
+    yield p
+    p.close()

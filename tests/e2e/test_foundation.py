@@ -111,12 +111,12 @@ def test_cross_build_is_mips32_little_endian():
         assert "ELF 32-bit LSB" in out and "MIPS" in out, out
 
 
-def test_host_runs_with_working_directory_root(host, fake_bin):
-    # The plug-in resolves untranslated paths against "/"; the host's own
-    # working directory proves it through /proc.
-    pid = host.proc.pid
-    if not CROSS:
-        assert os.readlink(f"/proc/{pid}/cwd") == "/"
+def test_host_runs_with_working_directory_root(make_host, tmp_path):
+    # The plug-in resolves untranslated paths against "/" whatever the
+    # directory the host was started from.
+    h = make_host(cwd=tmp_path)
+    h.run("no_such_command")
+    assert os.readlink(f"/proc/{h.proc.pid}/cwd") == "/"
 
 
 @pytest.mark.native_only
@@ -131,3 +131,18 @@ def test_drives_option_binds_a_folder_in_a_private_namespace(tmp_path, drives):
     assert p.returncode == 0, p.stderr
     assert "name: file_operation" in p.stdout
     assert not (drives / "plugin.so").exists()
+
+
+def test_answer_trees_are_released_after_each_request(fresh_host):
+    for _ in range(3):
+        assert fresh_host.run("no_such_user_command", "x").result == 1
+    assert fresh_host.stats() == {"live_nodes": 0, "orphan_nodes": 0}
+
+
+def test_framework_pipe_fixture_collects_lines(framework_pipe):
+    # What a batch thread does: open write-only without blocking, write lines.
+    fd = os.open("/tmp/vtr_framework_pipe", os.O_WRONLY | os.O_NONBLOCK)
+    os.write(fd, b"first line\nsecond ")
+    os.write(fd, b"line\n")
+    os.close(fd)
+    assert framework_pipe.wait_for(lambda lines: len(lines) >= 2, timeout=10) == ["first line", "second line"]

@@ -222,10 +222,48 @@ def test_top_level_with_and_without_local_and_network(host, drives, config):
     assert counts(network) == {"totalFile": b"3", "availableFolder": b"3", "availableFile": b"0"}
 
     both = ls(host, "", "0", "0", "true", "true", "false", "")
-    assert names(both) == ["SATA_DISK1", "USB_DRIVE_A", "USB_DRIVE_B", "Public", "Backup", "Odd"] or \
-        names(both) == ["Internal", "Zeta", "alpha", "Public", "Backup", "Odd"]
+    # Without "local" the drives come in folder-name order, under their labels.
+    assert names(both) == ["Internal", "Zeta", "alpha", "Public", "Backup", "Odd"]
     assert both.tree.text_of("totalFile") == b"6"
     assert names(ls(host, "", "0", "0", "false", "true", "false", "")) == []
+
+
+def test_top_level_labels_are_cut_at_the_next_bar_only(host, drives, usb_names):
+    # The top level reads the first 1023 bytes of the drive name list and
+    # takes what follows "<folder>|" up to the next "|" or the end of what
+    # was read: a list without closing bars gives labels with line feeds.
+    for d in ["USB_DRIVE_A", "USB_DRIVE_B", "USB_DRIVE_C"]:
+        (drives / d).mkdir()
+    usb_names({"USB_DRIVE_A": "Stick", "USB_DRIVE_B": "Other"})
+    assert names(ls(host, "", "0", "0", "true", "true", "false", "")) == [
+        "Stick\nUSB_DRIVE_B", "Other\n", "USB_DRIVE_C"]
+    Path("/tmp/usb_name.txt").write_text("USB_DRIVE_A|Stick|\nUSB_DRIVE_B|Other|\n")
+    assert names(ls(host, "", "0", "0", "true", "true", "false", "")) == ["Stick", "Other", "USB_DRIVE_C"]
+
+
+def test_convert_path_of_local_folders(host, drives, config):
+    share = config.share(0, "Public", "smb://nas/public")
+    (share / "Films").mkdir()
+    (drives / "USB_DRIVE_A").mkdir()
+    assert ls(host, "NETWORK_SHARE/Public/Films").tree.text_of("convertPath") == b"smb://nas/public/Films"
+    assert ls(host, "NETWORK_SHARE/Public").tree.text_of("convertPath") == b"smb://nas/public"
+    assert ls(host, "USB_DRIVE_A").tree.text_of("convertPath") == str(drives / "USB_DRIVE_A").encode()
+
+
+def test_over_long_paths(host, usb):
+    assert ls(host, "USB_DRIVE_A/" + "x" * 5000).result == 11
+    deep = usb / ("d" * 200) / ("e" * 100)
+    deep.mkdir(parents=True)
+    (deep / ("n" * 200 + ".avi")).write_bytes(b"")
+    rel = str(deep.relative_to(DRIVES))
+    a = ls(host, rel, "0", "0", "true", "true", "false", "", "name_asc", "true")
+    assert names(a) == ["n" * 200 + ".avi"]
+    assert not CACHE.exists()  # a path longer than the key's 256 characters is not cached
+    short = usb / ("d" * 200)
+    b = ls(host, str(short.relative_to(DRIVES)), "0", "0", "true", "true", "false", "", "name_asc", "true")
+    assert names(b) == ["e" * 100]
+    (h, entries), = records()
+    assert len(c_str(entries[0][6])) == len(str(short / ("e" * 100)))
 
 
 def test_network_folder_through_the_client(host, drives, config):

@@ -124,6 +124,7 @@ TEST(VtrsimXml, FreeTreeAndFreeOrphansReleaseEverything) {
         xml_node *orphan = node("orphan");  // created, never appended
         VANTOR_SIMPLE_XML_add_child_node(orphan, node("below"));
         EXPECT_EQ(vtrsim::live_nodes(), before + 5);
+    EXPECT_EQ(vtrsim::orphan_nodes(), 2u);
         EXPECT_EQ(vtrsim::free_orphans(), 2u);
         EXPECT_EQ(vtrsim::live_nodes(), before + 3);
         // Freeing a subtree detaches it from its parent.
