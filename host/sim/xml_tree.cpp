@@ -23,9 +23,11 @@ struct registry {
     std::unordered_set<xml_node *> roots;
 };
 
+// Never destroyed: a thread of the plug-in may still build a node while the
+// host process exits.
 registry &nodes() {
-    static registry r;
-    return r;
+    static registry *r = new registry;
+    return *r;
 }
 
 void detach_locked(xml_node *n) {

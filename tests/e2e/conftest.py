@@ -177,7 +177,7 @@ class Host:
         with self.lock:
             if not self.alive():
                 raise HostError(f"vtr-host is not running (exit {self.proc.returncode})")
-            self.proc.stdin.write(line.encode("ascii") + b"\n")
+            self.proc.stdin.write(line.encode("utf-8") + b"\n")
             self.proc.stdin.flush()
             ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
             if not ready:

@@ -48,6 +48,10 @@ def test_serve_stdio_reports_malformed_lines_and_keeps_serving(fresh_host):
         obj = fresh_host.request_line(bad)
         assert set(obj) == {"error"}, bad
     assert fresh_host.run("no_such_command").result == 1
+    # Every byte but NUL travels; raw UTF-8 in the line is read as code points.
+    assert fresh_host.run("no_such_command", bytes(range(1, 256)), "é").result == 1
+    assert fresh_host.request_line('["no_such_command", "\u00e9", "é"]')["result"] == 1
+    assert "error" in fresh_host.request_line('["€"]')
 
 
 def nm_tool():
