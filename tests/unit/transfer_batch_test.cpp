@@ -13,6 +13,7 @@
 
 #include "plugin/commands.h"
 #include "transfer/batch.h"
+#include "transfer/engine.h"
 #include "transfer/selection.h"
 #include "transfer_test_support.h"
 
@@ -216,6 +217,19 @@ TEST_F(Batch, SpaceShortagesAndTheFourGibRule) {
     EXPECT_EQ(full[full.size() - 2].status, 29);
     EXPECT_EQ(full.back().status, 4);
     ::unlink(fslist.c_str());
+    pipe.clear();
+
+    // A large file fails in the overlapped writes: the failure of a write
+    // in flight is still the entry's result.
+    std::string big(3 * 1048576, 'b');
+    write_file(usb1 + "/big3", big);
+    transfer::TransferProgress p;
+    p.item_total = p.whole_total = static_cast<int64_t>(big.size());
+    EXPECT_EQ(transfer::copy_file_with_progress((usb1 + "/big3").c_str(), (root + "/TINY/big3").c_str(), p, 0, "",
+                                                ""),
+              29);
+    pipe.wait_for("<filename>big3</filename>");
+    pipe.wait_for("<status>29</status>");
     pipe.clear();
 
     // A destination that holds no file of 4 GiB refuses one before copying.
