@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -27,15 +26,19 @@ const std::string work = "/tmp/engine_test";
 
 struct event_fields { std::string filename; int percent, whole, status; };
 
+std::string field_text(const std::string &line, const std::string &tag) {
+    const std::size_t open = line.find("<" + tag + ">");
+    const std::size_t close = line.find("</" + tag + ">");
+    if (open == std::string::npos || close == std::string::npos) return "";
+    const std::size_t from = open + tag.size() + 2;
+    return line.substr(from, close - from);
+}
+
 std::vector<event_fields> parse(const std::vector<std::string> &lines) {
-    static const std::regex re(
-        "<filename>([^<]*)</filename>.*<percent>(-?\\d+)</percent><whole>(-?\\d+)</whole>.*<status>(\\d+)</status>");
     std::vector<event_fields> out;
-    for (const auto &l : lines) {
-        std::smatch m;
-        if (std::regex_search(l, m, re))
-            out.push_back({m[1], std::stoi(m[2]), std::stoi(m[3]), std::stoi(m[4])});
-    }
+    for (const auto &l : lines)
+        out.push_back({field_text(l, "filename"), std::stoi(field_text(l, "percent")),
+                       std::stoi(field_text(l, "whole")), std::stoi(field_text(l, "status"))});
     return out;
 }
 
