@@ -8,7 +8,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "host/drives_namespace.h"
 #include "host/sim/xml_tree.h"
 #include "host/watch.h"
 #include "platform/host_api.h"
@@ -59,14 +59,6 @@ std::string self_dir() {
     return slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
 }
 
-std::string self_exe() {
-    char buf[PATH_MAX];
-    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return {};
-    buf[n] = '\0';
-    return buf;
-}
-
 bool exists(const std::string &p) {
     struct stat st {};
     return ::stat(p.c_str(), &st) == 0;
@@ -89,48 +81,6 @@ std::string default_plugin() {
     for (const std::string &c : candidates)
         if (exists(c)) return c;
     return candidates[0];
-}
-
-// --drives: a private mount namespace (and, when not root, a user namespace
-// mapping the caller to root) with a tmpfs on /opt/vtrhttpd and DIR bound at
-// /opt/vtrhttpd/localhost.drives. The first pass re-executes through
-// unshare(1); the second pass (VTR_HOST_NAMESPACE set) does the mounts.
-int enter_drives_namespace(const std::string &dir, char **argv) {
-    if (std::getenv("VTR_HOST_NAMESPACE") == nullptr) {
-        std::string exe = self_exe();
-        ::setenv("VTR_HOST_NAMESPACE", "1", 1);
-        std::vector<const char *> args{"unshare", "--mount", "--propagation", "private"};
-        if (::geteuid() != 0) args.push_back("--map-root-user");
-        args.push_back("--");
-        args.push_back(exe.c_str());
-        for (int i = 1; argv[i] != nullptr; ++i) args.push_back(argv[i]);
-        args.push_back(nullptr);
-        ::execvp("unshare", const_cast<char *const *>(args.data()));
-        std::perror("vtr-host: unshare");
-        return -1;
-    }
-    int source = ::open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (source < 0) {
-        std::fprintf(stderr, "vtr-host: --drives %s: %s\n", dir.c_str(), std::strerror(errno));
-        return -1;
-    }
-    const char *top = exists("/opt/vtrhttpd") ? "/opt/vtrhttpd" : "/opt";
-    if (::mount("tmpfs", top, "tmpfs", 0, "mode=0755") != 0) {
-        std::fprintf(stderr, "vtr-host: tmpfs on %s: %s\n", top, std::strerror(errno));
-        return -1;
-    }
-    ::mkdir("/opt/vtrhttpd", 0755);
-    ::mkdir("/opt/vtrhttpd/localhost.drives", 0755);
-    ::mkdir("/opt/vtrhttpd/default", 0755);
-    std::string from = "/proc/self/fd/" + std::to_string(source);
-    if (::mount(from.c_str(), "/opt/vtrhttpd/localhost.drives", nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-        std::fprintf(stderr, "vtr-host: bind %s: %s\n", dir.c_str(), std::strerror(errno));
-        return -1;
-    }
-    ::close(source);
-    std::string client = self_dir() + "/netfs_client";
-    if (exists(client)) (void)::symlink(client.c_str(), "/opt/vtrhttpd/default/netfs_client");
-    return 0;
 }
 
 struct plugin_handle {
@@ -390,7 +340,7 @@ int main(int argc, char **argv) {
         usage();
         return 2;
     }
-    if (!drives.empty() && enter_drives_namespace(drives, argv) != 0) return 1;
+    if (!drives.empty() && host::enter_drives_namespace(drives, argv, "vtr-host") != 0) return 1;
     if (plugin_path.empty()) plugin_path = default_plugin();
 
     // The host's own output keeps the original standard output; whatever

@@ -14,6 +14,8 @@
 #include "plugin/result.h"
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
+#include "transfer/batch.h"
+#include "transfer/selection.h"
 
 namespace plugin {
 namespace {
@@ -38,6 +40,16 @@ constexpr std::array user_commands{
     command{"delete_user_storage_file", exactly(2), storage::delete_user_storage_file},
     command{"create_user_storage_directory", exactly(2), storage::create_user_storage_directory},
     command{"rename_user_storage_file", exactly(3), storage::rename_user_storage_file},
+    command{"select_user_storage_file_to_list", exactly(3), transfer::select_user_storage_file_to_list},
+    command{"delete_user_storage_file_from_list", between(1, 2), transfer::delete_user_storage_file_from_list},
+    command{"copy_user_storage_file_from_list", exactly(2),
+            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+                return transfer::copy_user_storage_file_from_list(slot, request, 0);
+            }},
+    command{"move_user_storage_file_from_list", exactly(2),
+            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+                return transfer::copy_user_storage_file_from_list(slot, request, 1);
+            }},
     command{"search_user_storage_subtitle", exactly(2), media::search_user_storage_subtitle},
     command{"calculate_user_storage_file_hash", exactly(2), media::calculate_user_storage_file_hash},
     command{"verify_user_storage_download_status", exactly(2), file_operation_check_download_target_status},

@@ -142,3 +142,46 @@ TEST(Descriptor, FactoryWritesValuesAtTheirOffsets) {
 }
 
 }  // namespace
+
+namespace {
+
+// The plug-in's own table: every sub-command present, compared in the
+// player's order, with its count rule.
+TEST(Dispatch, PluginTableOrderAndRules) {
+    struct row { const char *name; int32_t low; int32_t high; };
+    const row user[] = {
+        {"list_user_storage_file", 8, 0}, {"search_user_storage_file", 10, 10},
+        {"create_user_storage_file", 2, 2}, {"write_user_storage_file", 5, 5},
+        {"read_user_storage_file", 4, 4}, {"get_user_storage_file_info", 2, 2},
+        {"copy_user_storage_file", 3, 3}, {"move_user_storage_file", 3, 3},
+        {"backup_user_storage_file", 3, 0}, {"delete_user_storage_file", 2, 2},
+        {"create_user_storage_directory", 2, 2}, {"rename_user_storage_file", 3, 3},
+        {"select_user_storage_file_to_list", 3, 3}, {"delete_user_storage_file_from_list", 1, 2},
+        {"copy_user_storage_file_from_list", 2, 2}, {"move_user_storage_file_from_list", 2, 2},
+        {"search_user_storage_subtitle", 2, 2}, {"calculate_user_storage_file_hash", 2, 2},
+        {"verify_user_storage_download_status", 2, 2}, {"download_user_storage_file", 4, 0},
+        {"get_user_storage_file_index", 6, 6},
+    };
+    const row app[] = {
+        {"create_app_storage", 3, 3}, {"change_app_storage_password", 6, 6},
+        {"create_app_storage_file", 5, 5}, {"write_app_storage_file", 8, 8},
+        {"read_app_storage_file", 7, 7}, {"get_app_storage_file_info", 5, 5},
+        {"copy_app_storage_file", 6, 6}, {"delete_app_storage_file", 5, 5},
+        {"delete_app_storage", 4, 4}, {"delete_all_app_storage", 2, 2},
+    };
+    const plugin::command_tables &t = plugin::file_operation_commands();
+    auto check = [](std::span<const plugin::command> rows, std::span<const row> expected) {
+        ASSERT_EQ(rows.size(), expected.size());
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            EXPECT_EQ(rows[i].name, expected[i].name) << i;
+            EXPECT_EQ(rows[i].rule.low, expected[i].low) << expected[i].name;
+            EXPECT_EQ(rows[i].rule.high, expected[i].high) << expected[i].name;
+            EXPECT_NE(rows[i].run, nullptr) << expected[i].name;
+        }
+    };
+    check(t.user, user);
+    check(t.app, app);
+    EXPECT_NE(t.ripping, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,33 @@
+// The batch commands: copy, move or delete every selected entry on a
+// detached worker thread that reports on the framework pipe.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/host_api.h"
+
+namespace transfer {
+
+// copy_user_storage_file_from_list (move 0) and
+// move_user_storage_file_from_list (move 1): argv[1] destination folder.
+// 0 when the batch was started, 8, 60 or 4.
+int32_t copy_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request,
+                                         int move) noexcept;
+
+// delete_user_storage_file_from_list: optional argv[1] "true" also removes
+// the companion files. 0 when the batch was started, else 4.
+int32_t delete_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+
+// Report step of an entry of item_total bytes: a hundredth above 1 GiB,
+// 16 MiB above 31 MiB, else 0 (start and end only).
+constexpr int64_t report_step(int64_t item_total) noexcept {
+    if (item_total > 1073741824) return item_total / 100;
+    if (item_total > 32505856) return 16777216;
+    return 0;
+}
+
+// The status of a failed removal in the delete events, or 0 when the error
+// stops the delete walk.
+int32_t delete_status_for(int error) noexcept;
+
+}  // namespace transfer

@@ -1,0 +1,196 @@
+#include "transfer/selection.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "listing/names.h"
+#include "plugin/export.h"
+#include "plugin/result.h"
+#include "plugin/util.h"
+
+namespace transfer {
+namespace {
+
+using plugin::rc;
+
+constexpr std::size_t label_size = 4096;
+
+// Every run of "/" becomes one "/", in place.
+void collapse_slashes(char *path) noexcept {
+    char *out = path;
+    for (const char *in = path; *in != '\0'; ++in) {
+        if (*in == '/' && out != path && out[-1] == '/') continue;
+        *out++ = *in;
+    }
+    *out = '\0';
+}
+
+// One record in one write, so that a reader never sees half of it.
+void write_record(int fd, const char *label, const char *path) noexcept {
+    char line[3 + label_size + plugin::path_max + 2];
+    if (!plugin::format_into(line, "1|%s|%s\n", label, path)) return;
+    std::size_t length = std::strlen(line);
+    std::size_t written = 0;
+    while (written < length) {
+        ssize_t n = ::write(fd, line + written, length - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        written += static_cast<std::size_t>(n);
+    }
+}
+
+// Overwrites one byte of the selection file through a second descriptor.
+void rewrite_flag(off_t offset, char flag) noexcept {
+    plugin::unique_fd second(::open(selection_file, O_WRONLY | O_CLOEXEC));
+    if (!second.valid()) return;
+    if (::pwrite(second.get(), &flag, 1, offset) != 1) return;
+}
+
+// A record must stay readable by the readers' 4098-byte line limit.
+bool record_fits(const char *label, const char *path) noexcept {
+    return 3 + std::strlen(label) + std::strlen(path) < static_cast<std::size_t>(count_line_limit);
+}
+
+enum class action { select, deselect, deselect_all, unknown };
+
+action parse_action(const char *word) noexcept {
+    if (word == nullptr) return action::unknown;
+    if (std::strcmp(word, "select") == 0) return action::select;
+    if (std::strcmp(word, "deselect") == 0) return action::deselect;
+    if (std::strcmp(word, "deselect_all") == 0) return action::deselect_all;
+    return action::unknown;
+}
+
+}  // namespace
+
+int find_selection_record(int fd, const char *path) noexcept {
+    if (fd < 0 || path == nullptr) return -1;
+    const std::size_t path_length = std::strlen(path);
+    char line[search_line_limit];
+    for (;;) {
+        int n = filereadline(fd, line, sizeof line);
+        if (n <= 0) return -1;
+        if (n < 2) continue;  // no text after the flag and the first "|"
+        const char *first = std::strstr(line + 2, path);
+        if (first == nullptr) continue;
+        if (std::strlen(first) != path_length) continue;
+        ::lseek(fd, -static_cast<off_t>(n + 1), SEEK_CUR);
+        return line[0] == '1' ? 1 : 0;
+    }
+}
+
+int count_selected_records(int fd) noexcept {
+    if (fd < 0) return 0;
+    int count = 0;
+    char line[count_line_limit];
+    while (filereadline(fd, line, sizeof line) >= 1)
+        if (line[0] == '1') ++count;
+    return count;
+}
+
+int64_t sum_selected_sizes(int fd) noexcept {
+    int64_t sum = 0;
+    plugin::path_buffer path;
+    char label[label_size] = {};
+    while (get_filename(fd, path, sizeof path, label) == 1) sum += filesize64(path);
+    return sum;
+}
+
+void mark_record_done(int fd, std::string_view path, std::string_view label) noexcept {
+    off_t here = ::lseek(fd, 0, SEEK_CUR);
+    if (here < 0) return;
+    off_t start = here - static_cast<off_t>(path.size() + label.size() + 3 + 1);
+    if (start < 0) return;
+    rewrite_flag(start, '0');
+}
+
+int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    char label[label_size];
+    std::memset(label, 0, sizeof label);
+    const char *argument = request->args->argv[1];
+    const action what = parse_action(request->args->argv[2]);
+    if (what == action::unknown) return +rc::bad_argument;
+    if (what == action::deselect_all) {
+        if (::unlink(selection_file) == 0 || errno == ENOENT) return +rc::ok;
+        return +rc::io;
+    }
+    const int wanted = what == action::select ? 1 : 0;
+    if (argument == nullptr || argument[0] == '\0') return +rc::bad_argument;
+
+    plugin::unique_malloc<char> translated;
+    const char *path = argument;
+    if (plugin::is_network_address(argument)) {
+        translated.reset(vtr_get_smb_nfs_network_url(argument, 5));
+        if (translated == nullptr) return +rc::bad_argument;
+        collapse_slashes(translated.get());
+        path = translated.get();
+        if (wanted == 1) listing::share_display_name(argument, label);
+    } else if (wanted == 1) {
+        listing::drive_display_name(argument, label);
+    }
+    // A record longer than the readers' line limit would be read as two.
+    if (!record_fits(label, path)) return +rc::bad_argument;
+
+    plugin::unique_fd fd(::open(selection_file, O_RDWR | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (wanted == 1) {
+            plugin::unique_fd created(
+                ::open(selection_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+            if (created.valid()) write_record(created.get(), label, path);
+        }
+        return +rc::ok;
+    }
+    const int found = find_selection_record(fd.get(), path);
+    if (wanted == 1 && found == -1) {
+        if (::lseek(fd.get(), 0, SEEK_END) >= 0) write_record(fd.get(), label, path);
+    } else if (found != wanted) {
+        // Also for a deselect of an absent path: the lone "0" lands at the
+        // end of the file, where the search stopped, and the next record
+        // appended after it reads as deselected.
+        char flag[4];
+        std::snprintf(flag, sizeof flag, "%d", wanted);
+        off_t offset = ::lseek(fd.get(), 0, SEEK_CUR);
+        if (offset >= 0) rewrite_flag(offset, flag[0]);
+    }
+    if (wanted == 0) {
+        ::lseek(fd.get(), 0, SEEK_SET);
+        int left = count_selected_records(fd.get());
+        fd.reset();
+        if (left == 0) ::unlink(selection_file);
+    }
+    return +rc::ok;
+}
+
+}  // namespace transfer
+
+extern "C" FILEOP_EXPORT int get_filename(int fd, char *path, int size, char *label) noexcept {
+    if (fd < 0 || path == nullptr || size < 1) return 0;
+    std::memset(path, 0, static_cast<std::size_t>(size));
+    char line[transfer::count_line_limit];
+    for (;;) {
+        int n = filereadline(fd, line, sizeof line);
+        if (n < 1) return 0;
+        if (line[0] == '1') break;
+    }
+    const char *text = line[1] == '\0' ? line + 1 : line + 2;
+    const std::span<char> out(path, static_cast<std::size_t>(size));
+    const char *bar = std::strchr(text, '|');
+    if (bar == nullptr) {
+        plugin::copy_text(out, text);
+        return 1;
+    }
+    // The label part is shorter than the line, which fits a 4096-byte
+    // label buffer.
+    std::size_t label_length = static_cast<std::size_t>(bar - text);
+    if (label != nullptr) {
+        std::memcpy(label, text, label_length);
+        label[label_length] = '\0';
+    }
+    plugin::copy_text(out, bar + 1);
+    return 1;
+}

@@ -1,0 +1,47 @@
+// The selection file: one `SelectionRecord` per line, "1" or "0", "|", the
+// storage label, "|", the path, a line feed. Selection requests add and flag
+// records; the batch threads read the records flagged "1" and flag each one
+// "0" once it is done.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "platform/host_api.h"
+
+namespace transfer {
+
+inline constexpr const char *selection_file = "/tmp/fslist";
+inline constexpr int search_line_limit = 4100;  // line limit while searching a path
+inline constexpr int count_line_limit = 4098;   // line limit of the counters and readers
+
+// -1 when fd is negative or no record holds path (by the suffix rule: the
+// first occurrence of path after the flag and the first "|" must end the
+// line); otherwise 1 if the record is flagged "1", else 0, with the file
+// offset left at the first byte of that record.
+int find_selection_record(int fd, const char *path) noexcept;
+
+// Records flagged "1" from the current offset to the end (0 for a negative
+// descriptor).
+int count_selected_records(int fd) noexcept;
+
+// Sum of filesize64 of every selected record's path from the current offset.
+int64_t sum_selected_sizes(int fd) noexcept;
+
+// Flags the record that was just read by get_filename as done: its flag byte
+// lies path length + label length + 4 bytes before the reading offset and is
+// overwritten with "0" through a second descriptor. The reading offset is
+// left where it was (at the next record).
+void mark_record_done(int fd, std::string_view path, std::string_view label) noexcept;
+
+// select_user_storage_file_to_list: argv[1] path, argv[2] "select",
+// "deselect" or "deselect_all". 0, 4 (the file could not be removed) or 8.
+int32_t select_user_storage_file_to_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+
+}  // namespace transfer
+
+// Reads the next record flagged "1": its path into path (at most size - 1
+// characters) and its label into label (4096 bytes). 1 when a record was
+// read, 0 at the end or for a negative descriptor.
+extern "C" int get_filename(int fd, char *path, int size, char *label) noexcept;
