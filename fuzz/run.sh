@@ -20,6 +20,8 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
         -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
 make -C "$build" -j2 fuzz_targets >/dev/null
+build=$(cd "$build" && pwd)  # absolute: a target may change its working folder
+root=$(pwd)
 
 if [ $# -gt 0 ]; then
     targets="$*"
@@ -37,7 +39,7 @@ for t in $targets; do
     # shellcheck disable=SC2086
     if tests/sandbox.sh "$build/fuzz/$t" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" ${FUZZ_ARGS:-} \
-        "$build/corpus/$t" "fuzz/corpus/$t" >"$log" 2>&1; then
+        "$build/corpus/$t" "$root/fuzz/corpus/$t" >"$log" 2>&1; then
         status=ok
     else
         status=FAILED

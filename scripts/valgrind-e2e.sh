@@ -11,18 +11,18 @@
 # reachable", which are not errors here; only definite leaks are.
 set -eu
 cd "$(dirname "$0")/.."
-root=$(pwd)
 build=${VALGRIND_BUILD_DIR:-build}
 start=$(date +%s)
 if [ ! -f "$build/CMakeCache.txt" ]; then
     cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
 make -C "$build" -j2 >/dev/null
-logs="$root/$build/valgrind-logs"
+build=$(cd "$build" && pwd)
+logs="$build/valgrind-logs"
 rm -rf "$logs"
 mkdir -p "$logs"
 chmod 1777 "$logs"  # hosts of other users (permission tests) log here too
-export VTR_BUILD_DIR="$root/$build"
+export VTR_BUILD_DIR="$build"
 export VTR_HOST_WRAPPER="valgrind -q --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite --track-fds=no --log-file=$logs/vg.%p.log"
 export VTR_REQUEST_TIMEOUT="${VTR_REQUEST_TIMEOUT:-900}"
 status=0
