@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // as a password.
     if (id < 0) return 0;
     std::string password(text.c_str(), std::min<std::size_t>(std::strlen(text.c_str()), appstore::password_max));
-    // Passwords are printable ASCII: by design other bytes do not survive
-    // the scrambling (one below 0x10 prints as one hex digit).
+    // Passwords are printable ASCII: other bytes do not survive the
+    // scrambling (one below 0x10 prints as a single hex digit).
     for (char c : password)
         if (c < 0x20 || c > 0x7e) return 0;
     char scrambled[appstore::scrambled_buffer];
