@@ -97,8 +97,9 @@ def test_creation_writes_the_layout_and_a_readable_identity(host, drive, passwor
     assert unscramble(text, n) == password
 
 
-IDS = [7, 42, 906, 5831, 60000, 123456, 9999999, 10000000, 987654321,
-       1000000000, 1410065407, 1410065408, 2147483647]
+# The scrambler's arithmetic over every id length has its own round trips
+# (unit tests); here ids around the 32-bit wrap of the tenth digit.
+IDS = [7, 987654321, 1000000000, 1410065407, 1410065408, 2147483647]
 
 
 @pytest.mark.parametrize("n", IDS)
@@ -250,12 +251,10 @@ def test_binary_content_round_trip(host, drive):
 
 @pytest.mark.parametrize("offset,count,expected", [
     (0, 0, b"0123456789"),
-    (0, 4, b"0123"),
     (3, 4, b"3456"),
     (6, 4, b"6789"),      # ends at the end
     (7, 4, b"789"),       # runs past the end
     (3, 0, b"3456789"),
-    (9, 0, b"9"),
     (10, 0, b""),         # at the end
     (25, 3, b""),         # past the end
     (0, 100000, b"0123456789"),
