@@ -109,28 +109,20 @@ START_LINE = ("swf=<event>copy_from_list</event><filename></filename><from></fro
 # ---- selection file ------------------------------------------------------
 
 def test_selection_file_records(host, usb, config):
+    # The request sequences and the suffix rule have their table in the unit
+    # tests; here the records the host leaves for the batches.
     src, _ = usb
-    a, b, c = (f"{src}/{n}.avi" for n in "abc")
+    a, b = f"{src}/a.avi", f"{src}/b.avi"
     select_paths(host, a, a, b)
-    assert FSLIST.read_text() == f"1|Stick|{a}\n1|Stick|{b}\n"
-    assert oct(FSLIST.stat().st_mode & 0o777) == "0o600"
     assert host.run("select_user_storage_file_to_list", a, "deselect").result == 0
-    assert host.run("select_user_storage_file_to_list", c, "deselect").result == 0
-    assert FSLIST.read_text() == f"0|Stick|{a}\n1|Stick|{b}\n0"
-    select_paths(host, c)
-    assert FSLIST.read_text() == f"0|Stick|{a}\n1|Stick|{b}\n01|Stick|{c}\n"
-    assert host.run("select_user_storage_file_to_list", "USB1/b.avi", "deselect").result == 0  # suffix rule
-    assert not FSLIST.exists()
-    assert host.run("select_user_storage_file_to_list", b, "deselect").result == 0
-    assert not FSLIST.exists()
-
+    assert FSLIST.read_text() == f"0|Stick|{a}\n1|Stick|{b}\n"
+    assert oct(FSLIST.stat().st_mode & 0o777) == "0o600"
+    assert host.run("select_user_storage_file_to_list", "", "deselect_all").result == 0
     config.share(0, "Films", "smb://nas/films")
     assert host.run("select_user_storage_file_to_list", "smb://nas/films//x//y.mkv", "select").result == 0
     assert FSLIST.read_text() == f"1|Films|{DRIVES}/NETWORK_SHARE/Films/x/y.mkv\n"
-    for words, result in [(["smb://nas/other/y", "select"], 8), ([a, "Select"], 8), (["", "select"], 8),
-                          (["", "deselect_all"], 0), (["", "deselect_all"], 0)]:
-        assert host.run("select_user_storage_file_to_list", *words).result == result, words
-    assert not FSLIST.exists()
+    for words in (["smb://nas/other/y", "select"], [a, "Select"], ["", "select"]):
+        assert host.run("select_user_storage_file_to_list", *words).result == 8, words
 
 
 # ---- batch copy and move ---------------------------------------------------
