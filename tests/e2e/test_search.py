@@ -2,8 +2,6 @@
 reference host: local deep and flat searches, network searches through the
 network client, the file index locally and on a share, and the network
 error mapping."""
-import os
-
 import pytest
 
 URL = "smb://nas/public"
