@@ -136,18 +136,6 @@ def test_cache_records_are_byte_exact_and_answer_repeats(host, usb):
     assert len(records()) == 1
 
 
-def test_cache_is_dropped_when_large_after_a_miss(host, usb):
-    for i in range(80):
-        (usb / "Movies" / f"v{i}.avi").write_bytes(b"")
-    ls(host, "USB_DRIVE_A/Movies", "0", "0", "true", "true", "false", "", "date_dsc", "true")
-    assert CACHE.stat().st_size >= 50001
-    ls(host, "USB_DRIVE_A/Movies", "0", "0", "true", "true", "false", "", "date_dsc", "true")  # hit
-    assert CACHE.exists()
-    ls(host, "USB_DRIVE_A", "0", "0", "true", "true", "false", "", "name_asc", "true")  # miss: drop, relist
-    (h, entries), = records()
-    assert c_str(h[6]) == b"USB_DRIVE_A" and len(entries) == 1
-
-
 @pytest.mark.parametrize("code,name,path,is_folder", [
     ("0", "NO DISC", None, "yes"),
     ("1", "DATA-DISC", None, "yes"),
