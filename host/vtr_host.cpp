@@ -255,24 +255,6 @@ struct json_reader {
     }
 };
 
-std::string json_quote(const std::string &text) {
-    std::string out = "\"";
-    char esc[8];
-    for (char ch : text) {
-        auto c = static_cast<unsigned char>(ch);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += ch;
-        } else if (c < 0x20 || c >= 0x7f) {
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += ch;
-        }
-    }
-    return out + "\"";
-}
-
 int serve_stdio(const plugin_handle &p) {
     char *line = nullptr;
     size_t cap = 0;
@@ -284,7 +266,7 @@ int serve_stdio(const plugin_handle &p) {
         json_reader reader{text, 0, {}};
         std::string out;
         if (!reader.array(words)) {
-            out = "{\"error\": " + json_quote(reader.error) + "}";
+            out = "{\"error\": " + vtrsim::json_quote(reader.error) + "}";
         } else if (words.empty()) {
             out = "{\"error\": \"empty request\"}";
         } else if (words.size() == 1 && words[0] == "vtr-host:stats") {

@@ -208,6 +208,12 @@ std::string to_xml(const xml_node *node) {
     return out;
 }
 
+std::string json_quote(std::string_view bytes) {
+    std::string out;
+    append_json_string(out, bytes);
+    return out;
+}
+
 std::string to_json(const xml_node *node) {
     std::string out;
     if (node == nullptr) return "null";

@@ -40,6 +40,8 @@ std::string to_xml(const xml_node *node);
 // {"tag":..,"text":..,"children":[..]}: every byte of tag and text is one
 // JSON code point (printable ASCII literally, anything else as \u00XX).
 std::string to_json(const xml_node *node);
+// A JSON string literal of the bytes, each byte outside printable ASCII as \u00XX.
+std::string json_quote(std::string_view bytes);
 
 // The nth child (0-based) with this tag, nullptr if absent.
 const xml_node *child(const xml_node *node, std::string_view tag, int nth = 0);

@@ -13,7 +13,7 @@ from pathlib import Path
 from conftest import BUILD_DIR, host_env
 
 CMDSERVER = BUILD_DIR / "vtr-cmdserver"
-LISTEN_RE = re.compile(rb"listening on http://127\.0\.0\.1:(\d+)/")
+LISTEN_RE = re.compile(rb"listening on http://(127\.0\.0\.1|\[::1\]):(\d+)/")
 
 
 def quote(value):
@@ -66,7 +66,7 @@ class Server:
         while time.monotonic() < deadline:
             m = LISTEN_RE.search(self.log_path.read_bytes())
             if m:
-                self.port = int(m.group(1))
+                self.address, self.port = m.group(1).decode().strip("[]"), int(m.group(2))
                 break
             if self.proc.poll() is not None:
                 break
@@ -76,7 +76,7 @@ class Server:
             raise RuntimeError("vtr-cmdserver did not start:\n" + self.log_path.read_text(errors="replace"))
 
     def connection(self, timeout=60):
-        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
+        return http.client.HTTPConnection(self.address, self.port, timeout=timeout)
 
     def request(self, method, path, body=None, headers=None, timeout=60):
         conn = self.connection(timeout)

@@ -97,8 +97,9 @@ def test_creation_writes_the_layout_and_a_readable_identity(host, drive, passwor
     assert unscramble(text, n) == password
 
 
-IDS = [7, 42, 906, 5831, 60000, 123456, 9999999, 10000000, 987654321,
-       1000000000, 1410065407, 1410065408, 2147483647]
+# The scrambler's arithmetic over every id length has its own round trips
+# (unit tests); here ids around the 32-bit wrap of the tenth digit.
+IDS = [7, 987654321, 1000000000, 1410065407, 1410065408, 2147483647]
 
 
 @pytest.mark.parametrize("n", IDS)
@@ -116,12 +117,14 @@ def test_identity_files_of_earlier_releases_keep_verifying(host, drive, n):
         assert unscramble(identity(n).read_text(), n) == "New1"
 
 
-def test_password_lengths(host, drive):
+def test_password_lengths_and_create_refusals(host, drive):
     assert host.run("create_app_storage", DRIVE, "0123456789a").result == 1
     assert not (drive / ".vtr_apps").exists() or os.listdir(drive / ".vtr_apps") == []
     n = create(host, "0123456789")
     assert host.run("change_app_storage_password", DRIVE, str(n), "0123456789", "x" * 11, "x" * 11).result == 1
     assert unscramble(identity(n).read_text(), n) == "0123456789"
+    assert host.run("create_app_storage", "NO_SUCH_DRIVE", "pw").result == 401
+    assert host.run("create_app_storage", "smb://nowhere/share", "pw").result == 1
 
 
 def test_change_password_rules(host, drive):
@@ -160,20 +163,14 @@ def guarded(name, file, rest, drive, n, password):
 
 @pytest.mark.parametrize("name,file,rest", GUARDED, ids=[g[0] for g in GUARDED])
 def test_wrong_password_is_1_and_unknown_storage_is_401(host, drive, name, file, rest):
+    # Every command reaches the check; its cases are the unit tests' table.
     n = create(host, "right")
     (storage_dir(n) / "f.txt").write_bytes(b"keep")
     assert host.run(*guarded(name, file, rest, DRIVE, n, "wrong")).result == 1
-    assert host.run(*guarded(name, file, rest, DRIVE, n, "Right")).result == 1
     assert host.run(*guarded(name, file, rest, DRIVE, n + 1, "right")).result == 401
-    assert host.run(*guarded(name, file, rest, "NO_SUCH_DRIVE", n, "right")).result == 401
     assert host.run(*guarded(name, file, rest, "smb://nowhere/x", n, "right")).result == 1
     assert (storage_dir(n) / "f.txt").read_bytes() == b"keep"
     assert unscramble(identity(n).read_text(), n) == "right"
-
-
-def test_create_refusals(host, drives):
-    assert host.run("create_app_storage", "NO_SUCH_DRIVE", "pw").result == 401
-    assert host.run("create_app_storage", "smb://nowhere/share", "pw").result == 1
 
 
 def test_file_commands_round_trip(host, drive):
@@ -250,12 +247,10 @@ def test_binary_content_round_trip(host, drive):
 
 @pytest.mark.parametrize("offset,count,expected", [
     (0, 0, b"0123456789"),
-    (0, 4, b"0123"),
     (3, 4, b"3456"),
     (6, 4, b"6789"),      # ends at the end
     (7, 4, b"789"),       # runs past the end
     (3, 0, b"3456789"),
-    (9, 0, b"9"),
     (10, 0, b""),         # at the end
     (25, 3, b""),         # past the end
     (0, 100000, b"0123456789"),

@@ -10,9 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from conftest import CROSS, DRIVES, FAKE_BIN, make_fake
-from cmdserver_client import (CMDSERVER, EventStream, Server, progress_line, quote, target,
-                              write_fifo)
+from conftest import DRIVES, FAKE_BIN, make_fake
+from cmdserver_client import CMDSERVER, EventStream, Server, progress_line, write_fifo
 
 pytestmark = [
     pytest.mark.native_only,
@@ -69,15 +68,17 @@ def test_answer_document_echoes_the_request_and_holds_the_result(srv):
     assert r.args == [b"one", b"two"]
     assert r.result == 1          # unknown sub-commands answer 1
     assert len(r.response) == 0   # and append nothing
+    # The sub-command name is decoded before it is dispatched.
+    r = srv.get("/file_operation/no%5Fsuch%5Fuser%5Fcommand")
+    assert (r.root.find("request").find("command").text, r.result) == ("no_such_user_command", 1)
 
 
 # Every byte a path can hold except NUL travels percent-encoded and comes
 # back in the echo (as text, or base64 when XML cannot carry it).
 DECODING = [
-    "with space", "a+b", "100%", "x&y=z", "dir/sub/file.mkv", "Übergröße 日本語.mp3", "",
-    "<tag attr=\"v\">&amp;'</tag>", "tab\there", "line\nfeed", "cr\rhere",
-    b"\x01\x02ctrl", b"\x7f", b"\xff\xfe latin-1 \xe9", b"\xed\xa0\x80 surrogate",
-    b"\xef\xbf\xbf", "?#;,:@$!*()[]", "%41 not decoded twice",
+    "with space", "a+b", "100%", "x&y=z", "Übergröße 日本語.mp3", "", "<tag attr=\"v\">&amp;'</tag>",
+    "tab\tline\nfeed\r", b"\x01\x7f", b"\xff\xfe latin-1 \xe9", b"\xed\xa0\x80 surrogate", b"\xef\xbf\xbf",
+    "?#;,:@$!*()[]/", "%41 not decoded twice",
 ]
 
 
@@ -104,7 +105,6 @@ def xml_text(raw):
 @pytest.mark.parametrize("query, expected", [
     ("", []),
     ("a=", [b""]),
-    ("a=&b=&c=", [b"", b"", b""]),
     ("x+y", [b"x y"]),                       # "+" is a blank, "%2B" a plus
     ("p=x%2By", [b"x+y"]),
     ("path=a=b", [b"a=b"]),                  # the label ends at the first "="
@@ -119,12 +119,6 @@ def test_query_forms(srv, query, expected):
     assert r.args == expected
 
 
-def test_sub_command_name_is_decoded_and_dispatched(srv):
-    r = srv.get("/file_operation/no%5Fsuch%5Fuser%5Fcommand")
-    assert r.root.find("request").find("command").text == "no_such_user_command"
-    assert r.result == 1
-
-
 def test_post_form_body_adds_parameters_after_the_query(srv):
     r = srv.request("POST", "/file_operation/echo_user_test?a=first",
                     body="b=second+part&c=%26&d=", headers={"Content-Type": "application/x-www-form-urlencoded"})
@@ -134,18 +128,14 @@ def test_post_form_body_adds_parameters_after_the_query(srv):
 
 @pytest.mark.parametrize("method, path, status", [
     ("GET", "/file_operation", 400),
-    ("GET", "/file_operation/", 400),
     ("GET", "/file_operation/x?a=%00", 400),
     ("GET", "/file_operation/x?a=%zz", 400),
-    ("GET", "/file_operation/x?a=%4", 400),
     ("GET", "/file_operation/x?a=ok&b=%", 400),
     ("GET", "/file_operation/a%00b", 400),
     ("GET", "/other_group/list", 404),
-    ("GET", "/other_group", 404),
     ("GET", "/favicon.ico", 404),
     ("GET", "/file_operation.x/list_user_storage_file", 404),
     ("PUT", "/file_operation/x", 405),
-    ("DELETE", "/file_operation/x", 405),
     ("POST", "/events", 405),
 ])
 def test_error_answers(srv, method, path, status):
@@ -199,38 +189,18 @@ def test_console_page_is_served(srv):
     assert srv.get("/index.html").body == r.body
 
 
-# --- plug-in answers through the server (skip while the handler is missing) --
+# --- plug-in answers through the server -------------------------------------
 
-def test_listing_of_the_drives(srv):
+@pytest.mark.parametrize("data, encoding", [
+    (bytes(range(256)) + b"<&>]]>", "base64"),   # what XML cannot carry
+    (b"a < b & c\n", None),                       # text stays readable
+])
+def test_file_content_encoding(srv, data, encoding):
     (DRIVES / "USB_A").mkdir()
-    (DRIVES / "USB_A" / "film.mkv").write_bytes(b"x" * 10)
-    r = srv.call("list_user_storage_file", "", "0", "0", "true", "true", "true", "", "name_asc", "false")
-    if r.result == 1:
-        pytest.skip("list_user_storage_file is not in the dispatch table yet")
-    names = [f.findtext("name") for f in r.response.find("fileList").findall("file")]
-    assert "USB_A" in names
-
-
-def test_binary_file_content_comes_as_base64(srv):
-    data = bytes(range(256)) + b"<&>]]>"
-    (DRIVES / "USB_A").mkdir()
-    (DRIVES / "USB_A" / "blob.bin").write_bytes(data)
-    r = srv.call("read_user_storage_file", str(DRIVES / "USB_A" / "blob.bin"), "0", "0")
-    if r.result == 1:
-        pytest.skip("read_user_storage_file is not in the dispatch table yet")
-    content = r.response.find("content")
-    assert content.get("encoding") == "base64"
-    assert base64.b64decode(content.text) == data
-
-
-def test_text_file_content_stays_readable(srv):
-    (DRIVES / "USB_A").mkdir()
-    (DRIVES / "USB_A" / "note.txt").write_text("a < b & c\n")
-    r = srv.call("read_user_storage_file", str(DRIVES / "USB_A" / "note.txt"), "0", "0")
-    if r.result == 1:
-        pytest.skip("read_user_storage_file is not in the dispatch table yet")
-    content = r.response.find("content")
-    assert content.get("encoding") is None and content.text == "a < b & c\n"
+    (DRIVES / "USB_A" / "f").write_bytes(data)
+    content = srv.call("read_user_storage_file", str(DRIVES / "USB_A" / "f"), "0", "0").response.find("content")
+    assert content.get("encoding") == encoding
+    assert (base64.b64decode(content.text) if encoding else content.text.encode()) == data
 
 
 # --- parallel requests -----------------------------------------------------
@@ -244,16 +214,12 @@ def test_stop_ripping_arrives_while_start_ripping_holds_its_thread(fresh_server,
     started = {}
 
     def rip():
-        t0 = time.monotonic()
         started["reply"] = srv.call("ripping", "start_ripping", "/USB_A/", "ALL", "true", "false", "WAV",
                                     "Album", timeout=60)
-        started["seconds"] = time.monotonic() - t0
 
     t = threading.Thread(target=rip)
     t.start()
     time.sleep(1.5)
-    if not t.is_alive() and started["reply"].result == 1:
-        pytest.skip("the ripping handler is not in the dispatch table yet")
     assert t.is_alive(), "start_ripping should hold its request until the ripper ends"
     t0 = time.monotonic()
     stop = srv.call("ripping", "StopRipping", timeout=10)
@@ -356,12 +322,8 @@ def test_progress_of_a_copied_selection_reaches_100(fresh_server):
     stream = EventStream(srv, timeout=60)
     try:
         sel = srv.call("select_user_storage_file_to_list", str(src / "movie.mkv"), "select")
-        if sel.result == 1:
-            pytest.skip("select_user_storage_file_to_list is not in the dispatch table yet")
         assert sel.result == 0
         copy = srv.call("copy_user_storage_file_from_list", str(dst))
-        if copy.result == 1:
-            pytest.skip("copy_user_storage_file_from_list is not in the dispatch table yet")
         assert copy.result == 0
         while True:
             _, data = stream.next_event()
@@ -429,14 +391,9 @@ def test_console_in_headless_chromium(fresh_server):
     (DRIVES / "HDD").mkdir()
     (DRIVES / "USB_A" / "movie.mkv").write_bytes(os.urandom(2_000_000))
     srv = fresh_server()
-    top = srv.call("list_user_storage_file", "", "0", "0", "true", "true", "true", "", "name_asc", "false")
-    if top.result == 1:
-        pytest.skip("list_user_storage_file is not in the dispatch table yet")
-    if srv.call("select_user_storage_file_to_list", "", "deselect_all").result == 1:
-        pytest.skip("select_user_storage_file_to_list is not in the dispatch table yet")
+    assert srv.call("select_user_storage_file_to_list", "", "deselect_all").result == 0
     # With nothing selected the batch only sends its start and end events.
-    if srv.call("copy_user_storage_file_from_list", str(DRIVES / "HDD")).result == 1:
-        pytest.skip("copy_user_storage_file_from_list is not in the dispatch table yet")
+    assert srv.call("copy_user_storage_file_from_list", str(DRIVES / "HDD")).result == 0
     info = srv.call("get_user_storage_file_info", str(DRIVES / "USB_A" / "movie.mkv")).result
     time.sleep(0.5)
     env = dict(os.environ, CHROMIUM=str(CHROMIUM), CHECK_INFO="1" if info == 0 else "0", HOME="/tmp")
@@ -464,29 +421,10 @@ def test_bad_options_are_refused(drives, args, code, message):
 
 
 def test_ipv6_loopback(fresh_server):
-    if not socket.has_ipv6:
-        pytest.skip("no IPv6")
     try:
         with socket.socket(socket.AF_INET6) as probe:
             probe.bind(("::1", 0))
-    except OSError:
+    except (OSError, AttributeError):
         pytest.skip("no IPv6 loopback")
-    import http.client
-    import subprocess
-    log = Path("/tmp/cmdserver-v6.log")
-    with open(log, "wb") as f:
-        proc = subprocess.Popen([str(CMDSERVER), "--bind", "::1", "--port", "0"], stderr=f, cwd="/")
-    try:
-        deadline = time.monotonic() + 20
-        m = None
-        while m is None and time.monotonic() < deadline and proc.poll() is None:
-            time.sleep(0.05)
-            m = re.search(r"listening on http://\[::1\]:(\d+)/", log.read_text())
-        assert m, log.read_text()
-        conn = http.client.HTTPConnection("::1", int(m.group(1)), timeout=10)
-        conn.request("GET", target("no_such_user_command"))
-        assert conn.getresponse().status == 200
-        conn.close()
-    finally:
-        proc.terminate()
-        proc.wait(timeout=10)
+    srv = fresh_server("--bind", "::1")
+    assert srv.address == "::1" and srv.call("no_such_user_command").status == 200

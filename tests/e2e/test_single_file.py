@@ -99,16 +99,11 @@ def test_missing_files_folders_and_empty_files(host, drives):
     assert content_of(host.run("read_user_storage_file", "empty", "0", "0")) == b""
 
 
+# The span arithmetic has its own table (unit tests); these check the wiring.
 @pytest.mark.parametrize("offset, count, expected", [
-    ("0", "0", b"0123456789"),
     ("2", "3", b"234"),
-    ("0", "10", b"0123456789"),
-    ("7", "0", b"789"),
     ("7", "100", b"789"),        # runs past the end
-    ("9", "1", b"9"),
-    ("10", "0", b""),            # at the end
     ("11", "4", b""),            # past the end
-    ("4000000000", "0", b""),
     ("-1", "5", b""),            # 4294967295
     ("1", "-1", b"123456789"),   # a count that wraps a 32-bit sum
     ("x", "y", b"0123456789"),   # atoi: 0 and 0
@@ -143,30 +138,20 @@ def png(width, height):
             + struct.pack(">I", zlib.crc32(chunk)))
 
 
-def gif(width, height):
-    return b"GIF89a" + struct.pack("<HHBBB", width, height, 0, 0, 0) + b";"
-
-
-def bmp(width, height):
-    info = struct.pack("<IiiHHIIiiII", 40, width, height, 1, 24, 0, 0, 0, 0, 0, 0)
-    return b"BM" + struct.pack("<IHHI", 14 + len(info), 0, 0, 14 + len(info)) + info
-
-
 def info(host, path):
     a = host.run("get_user_storage_file_info", path)
     assert a.result == 0
     return a.tree.tags, {c.tag: c.text.decode() for c in a.tree.children}
 
 
+# Header parsing has its own tests (simulator); these check the orientation
+# swap and that the MIME type comes from the name.
 @pytest.mark.parametrize("name, data, mime, size", [
     ("plain.jpg", jpeg(640, 480), "image/jpeg", (640, 480)),
     ("turned.JPG", jpeg(640, 480, 6), "image/jpeg", (480, 640)),          # rotated: swapped
     ("turned8.jpeg", jpeg(30, 20, 8, big_endian=True), "image/jpeg", (20, 30)),
     ("upside.jpe", jpeg(640, 480, 3), "image/jpeg", (640, 480)),          # not rotated
     ("pic.png", png(17, 9), "image/png", (17, 9)),
-    ("anim.gif", gif(300, 2), "image/gif", (300, 2)),
-    ("old.bmp", bmp(5, 7), "image/bmp", (5, 7)),
-    ("flip.bmp", bmp(5, -7), "image/bmp", (5, 7)),                        # top-down rows
     ("jpeg-named.png", jpeg(640, 480, 6), "image/png", (640, 480)),       # orientation only for image/jpeg
     ("broken.gif", b"not a picture", "image/gif", (0, 0)),
 ])
@@ -318,10 +303,7 @@ def test_create_directory(host, drives):
     (drives / "HDD/dangling").symlink_to(drives / "nowhere")
     assert host.run("create_user_storage_directory", "HDD/dangling").result == 52
     assert host.run("create_user_storage_directory", "smb://a/b/c").result == 1
-
-
-def test_create_directory_without_free_inodes_is_22(host, drives):
-    tmpfs(drives / "FULL", "size=64k,nr_inodes=2")
+    tmpfs(drives / "FULL", "size=64k,nr_inodes=2")  # no free inodes: ENOSPC
     assert host.run("create_user_storage_directory", "FULL/a").result == 0
     assert host.run("create_user_storage_directory", "FULL/b").result == 22
 

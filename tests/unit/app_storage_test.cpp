@@ -15,8 +15,7 @@
 
 #include "appstore/app_storage.h"
 #include "appstore/scramble.h"
-#include "host/sim/xml_tree.h"
-#include "plugin/commands.h"
+#include "search_fixtures.h"
 
 namespace {
 
@@ -30,26 +29,14 @@ struct answer {
 };
 
 answer run(std::vector<std::string> words) {
-    std::vector<char *> pointers;
-    std::vector<std::byte> block(sizeof(CommandArgs) + sizeof(char *) * (words.size() + 1));
-    auto *args = reinterpret_cast<CommandArgs *>(block.data());
-    args->argc = static_cast<int32_t>(words.size());
-    for (std::size_t i = 0; i < words.size(); ++i) args->argv[i] = words[i].data();
-    CommandRequest request{};
-    request.args = args;
-    vtrsim::xml_node *root = vtrsim::new_root();
-    VantorXmlNode slot = root;
-    int32_t r = plugin::dispatch(plugin::file_operation_commands(), &slot, &request);
-    answer a{r, vtrsim::child_text(root, "id")};
-    vtrsim::free_tree(root);
-    return a;
+    search_fixtures::answer a = search_fixtures::run(std::move(words));
+    return {a.result, a.text("id")};
 }
 
 class AppStorage : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char *inside = std::getenv("VTR_SANDBOX");
-        if (inside == nullptr || std::string(inside) != "1") GTEST_SKIP() << "needs tests/sandbox.sh";
+        REQUIRE_SANDBOX();
         fs::remove_all(drive_root);
         fs::create_directories(drive_root);
     }

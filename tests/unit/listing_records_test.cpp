@@ -283,6 +283,18 @@ struct share_case {
     int total, available_folders, available_files;
 };
 
+// The share list of `dir` with the given page, kinds, details, filter, sort
+// and keyword, as XML.
+std::string share_list(const char *dir, uint64_t start, uint64_t count, bool folders, bool files, bool details,
+                       const char *filter, int sort, const char *keyword, int *result = nullptr) {
+    return answer_of(
+        [&](VantorXmlNode *slot) {
+            return file_operation_share_list_file(slot, dir, start, count, folders, files, details, filter, 0, sort,
+                                                  keyword, 0, nullptr, 0);
+        },
+        result);
+}
+
 std::vector<std::string> names_in(const std::string &xml) {
     std::vector<std::string> out;
     for (std::size_t at = 0; (at = xml.find("<name>", at)) != std::string::npos;) {
@@ -326,12 +338,8 @@ TEST(ShareList, PagingCountersAndFilters) {
     };
     for (const share_case &c : cases) {
         int result = -1;
-        std::string xml = answer_of(
-            [&](VantorXmlNode *slot) {
-                return file_operation_share_list_file(slot, s.root.c_str(), c.start, c.count, c.folders, c.files,
-                                                      0, c.filter, 0, c.sort, nullptr, 0, nullptr, 0);
-            },
-            &result);
+        std::string xml = share_list(s.root.c_str(), c.start, c.count, c.folders, c.files, false, c.filter, c.sort,
+                                     nullptr, &result);
         EXPECT_EQ(result, 0) << c.name;
         EXPECT_EQ(names_in(xml), v(c.names)) << c.name << ": " << xml;
         EXPECT_EQ(number_in(xml, "totalFile"), std::to_string(c.total)) << c.name;
@@ -339,30 +347,17 @@ TEST(ShareList, PagingCountersAndFilters) {
             << c.name;
         EXPECT_EQ(number_in(xml, "availableFile"), c.files ? std::to_string(c.available_files) : "-") << c.name;
     }
-    EXPECT_NE(number_in(answer_of([&](VantorXmlNode *slot) {
-                  return file_operation_share_list_file(slot, s.root.c_str(), 0, 1, 1, 1, 0, "", 0, 0, nullptr,
-                                                        0, nullptr, 0);
-              }),
-                        "convertPath"),
-              "-");
+    EXPECT_NE(number_in(share_list(s.root.c_str(), 0, 1, true, true, false, "", 0, nullptr), "convertPath"), "-");
     int result = 0;
-    std::string xml = answer_of(
-        [&](VantorXmlNode *slot) {
-            return file_operation_share_list_file(slot, "/nonexistent/folder", 0, 10, 1, 1, 1, "", 0, 0, nullptr, 0,
-                                                  nullptr, 0);
-        },
-        &result);
+    EXPECT_EQ(share_list("/nonexistent/folder", 0, 10, true, true, true, "", 0, nullptr, &result), "<response/>");
     EXPECT_EQ(result, 1);
-    EXPECT_EQ(xml, "<response/>");
 }
 
 TEST(ShareList, DetailsAndFailedStat) {
     scratch s;
     s.touch("clip.mkv", "abc");
     ::symlink("/nonexistent", (s.root / "dangling.avi").c_str());
-    std::string xml = answer_of([&](VantorXmlNode *slot) {
-        return file_operation_share_list_file(slot, s.root.c_str(), 0, 10, 1, 1, 1, "", 0, 0, nullptr, 0, nullptr, 0);
-    });
+    std::string xml = share_list(s.root.c_str(), 0, 10, true, true, true, "", 0, nullptr);
     // The dangling link is listed up to its type, then cut.
     std::string dir = s.root.string();
     EXPECT_NE(xml.find("<file><name>dangling.avi</name><path>" + dir + "/dangling.avi</path><type>video</type></file>"),
@@ -378,10 +373,7 @@ TEST(ShareList, ParallelCallsGiveTheSequentialAnswers) {
     for (int i = 0; i < 300; ++i) s.touch("File" + std::to_string(i * 7 % 300) + ".mp4", std::string(i % 13, 'x'));
     for (int i = 0; i < 20; ++i) s.touch("Dir" + std::to_string(i) + "/x");
     auto list = [&](int sort, const char *keyword) {
-        return answer_of([&](VantorXmlNode *slot) {
-            return file_operation_share_list_file(slot, s.root.c_str(), 5, 50, 1, 1, 1, "", 0, sort, keyword, 0,
-                                                  nullptr, 0);
-        });
+        return share_list(s.root.c_str(), 5, 50, true, true, true, "", sort, keyword);
     };
     const char *keywords[] = {nullptr, "file1", "DIR"};
     std::vector<std::string> expected;
@@ -397,13 +389,6 @@ TEST(ShareList, ParallelCallsGiveTheSequentialAnswers) {
         });
     for (std::thread &t : threads) t.join();
     for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(got[i], expected[i]) << i;
-}
-
-TEST(ListCommand, SortKeys) {
-    EXPECT_EQ(listing::sort_order_of("NAME_DSC"), 1);
-    EXPECT_EQ(listing::sort_order_of("date_dsc"), 5);
-    EXPECT_EQ(listing::sort_order_of("size"), 0);
-    EXPECT_EQ(listing::sort_order_of(nullptr), 0);
 }
 
 }  // namespace

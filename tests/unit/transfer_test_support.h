@@ -72,10 +72,6 @@ public:
         std::lock_guard lock(mutex_);
         return lines_;
     }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
-    }
     // Waits until a line holds `marker` (the end event: "<whole>101</whole>").
     std::vector<std::string> wait_for(const std::string &marker, int seconds = 30) {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
