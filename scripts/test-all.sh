@@ -1,11 +1,11 @@
 #!/bin/bash
 # Installs what is missing, builds for the PC and for the player (mipsel),
 # and runs every test suite inside the sandbox. Stages can be narrowed with
-# FILEOP_STAGES (default: "pc mips asan").
+# FILEOP_STAGES (default: "pc mips asan fuzz tsan valgrind").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
-stages=${FILEOP_STAGES:-pc mips asan}
+stages=${FILEOP_STAGES:-pc mips asan fuzz tsan valgrind}
 jobs=${FILEOP_JOBS:-$(nproc)}
 
 if [[ $(id -u) -ne 0 ]]; then
@@ -51,8 +51,30 @@ for stage in $stages; do
     asan)
       step "build: PC with AddressSanitizer and UndefinedBehaviorSanitizer"
       build "$root/build/asan" -DFILEOP_SANITIZE=ON
-      ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-        run_suite asan "$root/build/asan"
+      # Reports of every process (hosts started by the tests included) go to
+      # files: any report fails the stage, leaks too.
+      rm -rf "$root/build/asan-logs"
+      mkdir -p "$root/build/asan-logs"
+      chmod 1777 "$root/build/asan-logs"
+      ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:log_path=$root/build/asan-logs/asan \
+        UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan "$root/build/asan"
+      if [[ -n $(ls -A "$root/build/asan-logs") ]]; then
+        cat "$root"/build/asan-logs/*
+        failed+=(asan-reports)
+      fi
+      ;;
+    fuzz)
+      step "fuzz: every target ${FUZZ_SECONDS:-60} s"
+      FUZZ_SECONDS=${FUZZ_SECONDS:-60} FUZZ_BUILD_DIR="$root/build/fuzz" fuzz/run.sh || failed+=(fuzz)
+      ;;
+    tsan)
+      step "ThreadSanitizer"
+      TSAN_BUILD_DIR="$root/build/tsan" scripts/tsan.sh || failed+=(tsan)
+      ;;
+    valgrind)
+      step "valgrind memcheck over the end-to-end suite"
+      [[ -x $root/build/pc/vtr-host ]] || build "$root/build/pc"
+      VALGRIND_BUILD_DIR="$root/build/pc" scripts/valgrind-e2e.sh || failed+=(valgrind)
       ;;
     *)
       echo "unknown stage $stage" >&2

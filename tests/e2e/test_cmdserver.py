@@ -351,6 +351,20 @@ def test_events_unavailable_when_the_pipe_path_is_taken(drives, config, tmp_path
         os.unlink("/tmp/vtr_framework_pipe")
 
 
+def wait_until_reading(pid, fifo, seconds=20):
+    """Waits until process pid holds fifo open (a writer would otherwise find no reader)."""
+    deadline = time.time() + seconds
+    while time.time() < deadline:
+        try:
+            for fd in os.listdir(f"/proc/{pid}/fd"):
+                if os.readlink(f"/proc/{pid}/fd/{fd}") == fifo:
+                    return
+        except OSError:
+            pass
+        time.sleep(0.05)
+    raise AssertionError(f"process {pid} never opened {fifo}")
+
+
 def test_watch_draws_progress_until_the_end_of_the_batch(drives):
     import subprocess
     from conftest import EMULATOR, VTR_HOST, host_env
@@ -358,7 +372,7 @@ def test_watch_draws_progress_until_the_end_of_the_batch(drives):
     watch = subprocess.Popen([*EMULATOR, str(VTR_HOST), "watch", "--until-end"], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, env=host_env(), cwd="/")
     try:
-        time.sleep(0.5)
+        wait_until_reading(watch.pid, "/tmp/vtr_framework_pipe")
         write_fifo([progress_line(1, 2, 0, 0, "movie.mkv"), progress_line(1, 2, 50, 25, "movie.mkv"),
                     progress_line(2, 2, 100, 101, ""), progress_line(1, 1, 0, 0)])
         out, err = watch.communicate(timeout=10)
