@@ -8,11 +8,12 @@
 # when the server stops; --in-place binds demo/drives itself instead.
 # Open the printed address in a browser; Ctrl-C stops the server.
 #
-# Environment: BUILD_DIR (default <repository>/build).
+# Environment: BUILD_DIR (default <repository>/build/pc, the test command's PC
+# build). As root on Debian, missing build packages are installed with apt.
 set -eu
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
-build=${BUILD_DIR:-$repo/build}
+build=${BUILD_DIR:-$repo/build/pc}
 port=8080
 bind=127.0.0.1
 in_place=0
@@ -30,6 +31,18 @@ done
 case $build in
     /tmp/*) echo "run-demo.sh: keep the build tree out of /tmp (the namespace hides it)" >&2; exit 2 ;;
 esac
+# On a fresh Debian machine (as root) install what building needs.
+if [ "$(id -u)" = 0 ] && command -v apt-get > /dev/null; then
+    missing=""
+    for p in cmake make g++ pkg-config libmicrohttpd-dev googletest libgtest-dev util-linux; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+    done
+    if [ -n "$missing" ]; then
+        echo "run-demo.sh: installing$missing" >&2
+        apt-get update -qq >&2
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >&2
+    fi
+fi
 if [ ! -x "$build/vtr-cmdserver" ] || [ ! -e "$build/libvantor_command_server_command_file_operation.so" ] \
    || [ ! -x "$build/netfs_client" ]; then
     echo "run-demo.sh: building in $build" >&2
