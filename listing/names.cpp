@@ -14,7 +14,6 @@
 namespace listing {
 namespace {
 
-constexpr int netfs_pairs = 21;
 constexpr std::size_t label_answer_max = 256;  // what the lookup ever returned
 
 void write_unknown(std::span<char> out) noexcept { plugin::copy_text(out, "Unknown"); }
@@ -57,6 +56,12 @@ bool find_label(std::string_view key, std::span<char> out) noexcept {
 
 }  // namespace
 
+plugin::unique_malloc<char> netfs_variable(const char *stem, int n) noexcept {
+    char name[32];
+    if (!plugin::format_into(name, "%s%d", stem, n)) return nullptr;
+    return plugin::unique_malloc<char>(get_var_mem(name));
+}
+
 void share_display_name(const char *url, std::span<char> out) noexcept {
     if (url == nullptr || std::strlen(url) < 6) {
         write_unknown(out);
@@ -71,12 +76,9 @@ void share_display_name(const char *url, std::span<char> out) noexcept {
     std::string_view share = share_end == nullptr ? std::string_view(url)
                                                   : std::string_view(url, static_cast<std::size_t>(share_end - url));
     for (int n = 0; n < netfs_pairs; ++n) {
-        char name[32];
-        std::snprintf(name, sizeof name, "netfs_url%d", n);
-        plugin::unique_malloc<char> configured(get_var_mem(name));
+        plugin::unique_malloc<char> configured = netfs_variable("netfs_url", n);
         if (configured == nullptr || share != configured.get()) continue;
-        std::snprintf(name, sizeof name, "netfs_name%d", n);
-        plugin::unique_malloc<char> label(get_var_mem(name));
+        plugin::unique_malloc<char> label = netfs_variable("netfs_name", n);
         if (label == nullptr) {
             // the variable vanished between the two reads: nothing to copy
             write_unknown(out);

@@ -3,7 +3,16 @@
 
 #include <span>
 
+#include "plugin/util.h"
+
 namespace listing {
+
+// The configured network shares are the pairs "netfs_name<N>" and
+// "netfs_url<N>", N from 0 to netfs_pairs - 1.
+inline constexpr int netfs_pairs = 21;
+
+// The value of the configuration variable "<stem><n>", or null when unset.
+plugin::unique_malloc<char> netfs_variable(const char *stem, int n) noexcept;
 
 // The configured name of the network share holding url ("netfs_url<N>" /
 // "netfs_name<N>", N 0..20), or "Unknown".

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "listing/names.h"
 #include "listing/order.h"
 #include "plugin/export.h"
 #include "storage/mime.h"
@@ -23,7 +24,6 @@ FILEOP_EXPORT int32_t netfs_option[4] = {1, 2, 3, 1};
 namespace listing {
 namespace {
 
-constexpr int netfs_pairs = 21;
 constexpr int line_buffer = 4095;  // up to 4094 characters a line
 constexpr std::size_t field_cut = 255;
 constexpr int max_fields = 5;
@@ -231,11 +231,8 @@ int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool chec
     int32_t count = 0;
     const char *device = "";  // a URL of neither scheme repeats the previous share's value
     for (int n = 0; n < netfs_pairs; ++n) {
-        char variable[32];
-        std::snprintf(variable, sizeof variable, "netfs_name%d", n);
-        plugin::unique_malloc<char> name(get_var_mem(variable));
-        std::snprintf(variable, sizeof variable, "netfs_url%d", n);
-        plugin::unique_malloc<char> url(get_var_mem(variable));
+        plugin::unique_malloc<char> name = netfs_variable("netfs_name", n);
+        plugin::unique_malloc<char> url = netfs_variable("netfs_url", n);
         if (name == nullptr || url == nullptr) continue;
 
         VantorXmlNode file = new_element("file", "");
@@ -273,12 +270,9 @@ bool local_path_to_share_url(const char *local_path, char (&out)[plugin::path_ma
     std::string_view folder(local_path + mounts.size());
     folder = folder.substr(0, folder.find('/'));
     for (int n = 0; n < netfs_pairs; ++n) {
-        char variable[32];
-        std::snprintf(variable, sizeof variable, "netfs_name%d", n);
-        plugin::unique_malloc<char> name(get_var_mem(variable));
+        plugin::unique_malloc<char> name = netfs_variable("netfs_name", n);
         if (name == nullptr || folder != name.get()) continue;
-        std::snprintf(variable, sizeof variable, "netfs_url%d", n);
-        plugin::unique_malloc<char> url(get_var_mem(variable));
+        plugin::unique_malloc<char> url = netfs_variable("netfs_url", n);
         if (url == nullptr) continue;
         plugin::path_buffer mount;
         if (!mount_path_of(url.get(), mount) || mount[0] == '\0') continue;
