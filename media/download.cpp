@@ -13,6 +13,7 @@
 #include "plugin/export.h"
 #include "plugin/result.h"
 #include "plugin/util.h"
+#include "storage/paths.h"
 
 namespace media {
 namespace {
@@ -27,9 +28,9 @@ constexpr std::string_view media_video_folder = "/pvx_database/media/video/";
 // The folder argument, or the local path of an "smb://" / "nfs://" folder,
 // copied literally. False when it cannot be resolved or does not fit.
 bool load_folder(plugin::path_buffer &folder, const char *argument) noexcept {
-    if (!plugin::is_network_address(argument)) return plugin::copy_text(folder, argument);
-    plugin::unique_malloc<char> local(vtr_get_smb_nfs_network_url(argument, 5));
-    return local && plugin::copy_text(folder, local.get());
+    plugin::unique_malloc<char> resolved;
+    const char *local = storage::resolve_network_address(argument, resolved);
+    return local != nullptr && plugin::copy_text(folder, local);
 }
 
 bool metadata_url(std::span<char> out, const char *path_and_query) noexcept {

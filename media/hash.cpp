@@ -13,6 +13,7 @@
 #include "plugin/export.h"
 #include "plugin/result.h"
 #include "plugin/util.h"
+#include "storage/paths.h"
 
 namespace media {
 namespace {
@@ -90,13 +91,9 @@ int32_t calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRe
     if (request == nullptr || request->args == nullptr) return +plugin::rc::bad_argument;
     CommandArgs *args = request->args;
     if (args->argc < 2 || args->argv[1] == nullptr) return +plugin::rc::bad_argument;
-    const char *path = args->argv[1];
     plugin::unique_malloc<char> resolved;
-    if (plugin::is_network_address(path)) {
-        resolved.reset(vtr_get_smb_nfs_network_url(path, 5));
-        if (!resolved) return +plugin::rc::bad_argument;
-        path = resolved.get();
-    }
+    const char *path = storage::resolve_network_address(args->argv[1], resolved);
+    if (path == nullptr) return +plugin::rc::bad_argument;
     bool folder = is_path_folder(path) == 1;
     if (::access(path, F_OK) != 0) return +plugin::rc::bad_path;
 

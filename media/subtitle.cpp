@@ -9,6 +9,7 @@
 #include "media/hash.h"
 #include "plugin/result.h"
 #include "plugin/util.h"
+#include "storage/paths.h"
 
 namespace media {
 namespace {
@@ -35,13 +36,9 @@ int32_t search_user_storage_subtitle(VantorXmlNode *response_slot, CommandReques
     if (request == nullptr || request->args == nullptr) return +plugin::rc::bad_argument;
     CommandArgs *args = request->args;
     if (args->argc < 2 || args->argv[1] == nullptr) return +plugin::rc::bad_argument;
-    const char *video = args->argv[1];
     plugin::unique_malloc<char> resolved;
-    if (plugin::is_network_address(video)) {
-        resolved.reset(vtr_get_smb_nfs_network_url(video, 5));
-        if (!resolved) return +plugin::rc::bad_argument;
-        video = resolved.get();
-    }
+    const char *video = storage::resolve_network_address(args->argv[1], resolved);
+    if (video == nullptr) return +plugin::rc::bad_argument;
     std::string_view path(video);
     if (path.size() >= subtitle_path_max) return +plugin::rc::bad_argument;
     std::string_view stem = subtitle_stem(path, is_path_folder(video) == 1);

@@ -69,6 +69,12 @@ int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) no
     return translate_storage_path(buffer);
 }
 
+const char *resolve_network_address(const char *argument, plugin::unique_malloc<char> &holder) noexcept {
+    if (!plugin::is_network_address(argument)) return argument;
+    holder.reset(vtr_get_smb_nfs_network_url(argument, 5));
+    return holder.get();
+}
+
 int32_t check_free_space(uint32_t needed, const char *path) noexcept {
     if (path == nullptr) return 1;
     int64_t free_bytes = 0;

@@ -29,6 +29,12 @@ bool load_path(plugin::path_buffer &buffer, const char *argument) noexcept;
 // -1 when the argument is missing or too long.
 int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) noexcept;
 
+// The local path of an argument that a command uses without translation:
+// the argument itself, or for an "smb://" / "nfs://" address the mount path
+// the network library gives (owned by holder). Null when the address cannot
+// be resolved.
+const char *resolve_network_address(const char *argument, plugin::unique_malloc<char> &holder) noexcept;
+
 // 0 when `needed` bytes fit at path, 1 when they do not or path is null. The
 // reserved area below the drives root has a fixed 20 MiB quota.
 int32_t check_free_space(uint32_t needed, const char *path) noexcept;

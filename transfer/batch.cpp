@@ -12,6 +12,7 @@
 #include "listing/names.h"
 #include "plugin/result.h"
 #include "plugin/util.h"
+#include "storage/paths.h"
 #include "transfer/engine.h"
 #include "transfer/progress.h"
 #include "transfer/selection.h"
@@ -179,11 +180,9 @@ int32_t copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, Comm
     if (argument == nullptr || argument[0] == '\0') return +rc::bad_argument;
     char label[label_size] = {};
     plugin::unique_malloc<char> translated;
-    const char *destination = argument;
-    if (plugin::is_network_address(argument)) {
-        translated.reset(vtr_get_smb_nfs_network_url(argument, 5));
-        if (translated == nullptr) return +rc::bad_argument;
-        destination = translated.get();
+    const char *destination = storage::resolve_network_address(argument, translated);
+    if (destination == nullptr) return +rc::bad_argument;
+    if (translated != nullptr) {
         listing::share_display_name(argument, label);
     } else {
         listing::drive_display_name(argument, label);

@@ -12,6 +12,7 @@
 #include "plugin/export.h"
 #include "plugin/result.h"
 #include "plugin/util.h"
+#include "storage/paths.h"
 
 namespace transfer {
 namespace {
@@ -123,12 +124,10 @@ int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, Comm
     if (argument == nullptr || argument[0] == '\0') return +rc::bad_argument;
 
     plugin::unique_malloc<char> translated;
-    const char *path = argument;
-    if (plugin::is_network_address(argument)) {
-        translated.reset(vtr_get_smb_nfs_network_url(argument, 5));
-        if (translated == nullptr) return +rc::bad_argument;
+    const char *path = storage::resolve_network_address(argument, translated);
+    if (path == nullptr) return +rc::bad_argument;
+    if (translated != nullptr) {
         collapse_slashes(translated.get());
-        path = translated.get();
         if (wanted == 1) listing::share_display_name(argument, label);
     } else if (wanted == 1) {
         listing::drive_display_name(argument, label);
