@@ -51,7 +51,7 @@ bool can_read(const char *path) noexcept {
 }
 
 void make_empty_file(const char *path) noexcept {
-    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
 }
 
 // Error text without the C library's shared buffer; works with both the
@@ -243,7 +243,7 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
 
     if (can_read(ripping_status_file)) return +rc::io;  // a rip is under way
     // Exclusive, so that of two requests racing here only one starts.
-    plugin::unique_fd status(::open(ripping_status_file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    plugin::unique_fd status(::open(ripping_status_file, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!status.valid() && errno == EEXIST) return +rc::io;
     status.reset();
 
