@@ -230,6 +230,7 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
 
     plugin::path_buffer dest;
     (void)plugin::format_into(dest, "%s%s", storage::drives_root.data(), drive);
+    if (!storage::path_allowed(dest)) return +rc::io;  // the confinement switch
     if (!path_exists(dest)) {
         say_no_device();
         return -1;
@@ -238,6 +239,8 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
         (void)plugin::format_into(dest, "%s%sMusic/", storage::drives_root.data(), drive);
         if (!path_exists(dest)) make_rip_folder(dest);
     }
+    plugin::path_buffer album_path;  // the album folder is dest, album and "_<n>"
+    if (!plugin::format_into(album_path, "%s%s", dest, album) || !storage::path_allowed(album_path)) return +rc::io;
     choose_album_folder(dest, album);
     (void)plugin::copy_text(slots[filled++], dest);
 

@@ -31,8 +31,11 @@ struct BatchJob {
     char destination_label[label_size]{};
 };
 
-// The end of a batch: empty filename and from, percent 100, whole 101.
-void send_batch_end(const BatchJob &job, int32_t count, int32_t status) noexcept {
+// The end of a batch: empty filename and from, percent 100, whole 101. The
+// batch lock goes first, so a client may start the next batch as soon as it
+// reads this line.
+void send_batch_end(BatchJob &job, int32_t count, int32_t status) noexcept {
+    job.lock.reset();
     post_transfer_event(job.operation, "", "", job.destination_label, count, count, 100, 101, 0, status);
 }
 

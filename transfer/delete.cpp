@@ -121,9 +121,10 @@ int remove_entry(const char *path, bool companions) noexcept {
     return 0;
 }
 
-void run_delete(const DeleteJob &job) noexcept {
+void run_delete(DeleteJob &job) noexcept {
     plugin::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
+        job.lock.reset();
         post_transfer_event(op_delete, "", "", "", 0, 0, 0, 101, 0, 0);
         return;
     }
@@ -178,6 +179,7 @@ void run_delete(const DeleteJob &job) noexcept {
     list.reset();
     // A walk stopped early keeps its remaining records for another try.
     return_selection(stopped);
+    job.lock.reset();  // a client may start the next batch once it reads the end
     ::sync();
     if (last_error != 0) post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, +rc::io);
     post_transfer_event(op_delete, "", "", "", item, total, 0, 101, 0, last_error != 0 || failed ? +rc::io : 0);

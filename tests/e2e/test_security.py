@@ -62,6 +62,7 @@ CONFINED = [
     ("calculate_user_storage_file_hash", [f"{DRIVES}/USB1/out/secret.txt"], 0, 8),
     ("verify_user_storage_download_status", [str(OUTSIDE)], 0, 11),
     ("download_user_storage_file", [str(OUTSIDE / "out"), "http://x/a.jpg", "a.jpg"], 12, 11),
+    ("list_user_storage_file", ["../outside", "0", "0", "true", "true", "false", ""], 0, 11),
     ("select_user_storage_file_to_list", [str(OUTSIDE / "secret.txt"), "select"], 0, 8),
     ("copy_user_storage_file_from_list", [str(OUTSIDE)], 0, 8),
 ]
