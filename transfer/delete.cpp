@@ -102,7 +102,9 @@ void remove_visible_contents(const char *folder) noexcept {
 
 // Removes one entry; 0 or the error number.
 int remove_entry(const char *path, bool companions) noexcept {
-    if (isdir(path) == 0) {
+    // A link leading out of the drives root goes itself; its target's
+    // contents are never emptied.
+    if (isdir(path) == 0 || storage::link_leads_out(path)) {
         if (::unlink(path) != 0) return errno;
         if (companions && std::strncmp(storage::mime_type_for_path(path), "video", 5) == 0) {
             const char *dot = std::strrchr(path, '.');

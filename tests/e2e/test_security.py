@@ -112,8 +112,16 @@ def write_through_link(host, usb, pipe):
     assert host.run("write_user_storage_file", f"{usb}/w.txt", "false", "x", "0").result == 1
 
 
+def delete_link_to_folder(host, usb, pipe):
+    (usb / "l").symlink_to(OUTSIDE)
+    assert host.run("select_user_storage_file_to_list", f"{usb}/l", "select").result == 0
+    assert host.run("delete_user_storage_file_from_list").result == 0
+    wait_ends(pipe)
+    assert not (usb / "l").is_symlink()
+
+
 @pytest.mark.parametrize("case", [copy_folder_with_link, copy_onto_dangling_link, probe_through_link,
-                                  write_through_link])
+                                  write_through_link, delete_link_to_folder])
 def test_planted_links_are_never_followed_out(host, usb, framework_pipe, case):
     case(host, usb, framework_pipe)
     assert (OUTSIDE / "secret.txt").read_text() == "secret"
