@@ -92,7 +92,7 @@ int32_t create_app_storage_file(VantorXmlNode * /*response_slot*/, CommandReques
     if (int32_t r = storage_file(request, file); r != 0) return r;
     if (isfileexist(file)) return +rc::failure;
     // Exclusive, so of two requests racing for one name only one succeeds.
-    plugin::unique_fd fd(::open(file, O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0700));
+    plugin::unique_fd fd(::open(file, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0700));
     return fd.valid() ? +rc::ok : +rc::failure;
 }
 
@@ -109,7 +109,7 @@ int32_t write_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest
     if (storage::check_free_space(needed, file) != 0) return +rc::no_room;
 
     int mode = plugin::is_false_word(argument(request, 5)) ? O_TRUNC : O_APPEND;
-    plugin::unique_fd fd(::open(file, O_WRONLY | O_CREAT | mode | O_CLOEXEC, 0666));
+    plugin::unique_fd fd(::open(file, O_WRONLY | O_CREAT | mode | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!fd.valid()) return +rc::failure;
     // A count beyond the content sent is cut to the content: nothing past
     // the client's text is ever written.

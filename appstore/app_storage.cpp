@@ -70,7 +70,7 @@ bool read_identity_line(const char *path, char (&line)[identity_line_max]) noexc
 bool write_new_identity(const char *path, int32_t id, const char *password) noexcept {
     char text[scrambled_buffer];
     if (!scramble_app_password(text, id, password)) return false;
-    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0700));
+    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0700));
     if (!fd.valid()) return false;
     return detail::write_all(fd.get(), text, std::strlen(text)) && fd.close_checked();
 }

@@ -75,7 +75,7 @@ void append_cache_record(const listing_key &key, int32_t available_files, int32_
 
     std::size_t total = sizeof header + entries.size_bytes();
     std::unique_ptr<unsigned char[]> record(new (std::nothrow) unsigned char[total]);
-    plugin::unique_fd fd(::open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    plugin::unique_fd fd(::open(file, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) return;
     if (record != nullptr) {
         std::memcpy(record.get(), &header, sizeof header);

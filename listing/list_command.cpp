@@ -168,7 +168,7 @@ int32_t list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *req
                         ? plugin::copy_text(full, path)
                         : plugin::format_into(full, "%.*s%s%s", static_cast<int>(storage::drives_root.size()),
                                               storage::drives_root.data(), length > 0 ? "/" : "", path);
-        if (!fits) return +plugin::rc::bad_path;
+        if (!fits || !storage::path_allowed(full)) return +plugin::rc::bad_path;
         int32_t r = file_operation_share_list_file(response_slot, full, static_cast<uint64_t>(offset),
                                                    static_cast<uint64_t>(range), want_folders, want_files,
                                                    with_details, filter_word, length == 0, sort_order, nullptr,

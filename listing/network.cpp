@@ -130,7 +130,7 @@ bool mount_path_of(const char *url, plugin::path_buffer &out) noexcept {
 }  // namespace
 
 netfs_answer_lock::netfs_answer_lock() noexcept
-    : fd_(::open("/tmp/smb.out.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    : fd_(::open("/tmp/smb.out.lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600)) {
     if (fd_.valid())
         while (::flock(fd_.get(), LOCK_EX) != 0 && errno == EINTR) {
         }

@@ -191,6 +191,7 @@ int32_t search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *r
     } else if (!plugin::format_into(full, "/opt/vtrhttpd/localhost.drives/%s", path)) {
         return +rc::bad_path;
     }
+    if (!storage::path_allowed(full)) return +rc::bad_path;  // the confinement switch
     if (!subfolders) {
         int32_t listed = file_operation_share_list_file(response_slot, full, ask.offset, ask.range, ask.want_folders,
                                                         ask.want_files, ask.with_details, ask.filter_word, 0, 0,

@@ -1,8 +1,10 @@
 #include "media/download.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -53,15 +55,17 @@ void answer_path(VantorXmlNode *response_slot, const char *path) noexcept {
     VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
 }
 
-// Starts a program and waits for it; a child that could not be made is
-// reported the way a failed vfork always was.
-void run_and_wait(const char *const argv[]) noexcept {
-    int status = plugin::run_program(argv);
+// Starts a program and waits for it, at most time_limit seconds (0: no
+// limit); a child that could not be made is reported the way a failed vfork
+// always was. False when the child was killed at the limit.
+bool run_and_wait(const char *const argv[], int time_limit = 0) noexcept {
+    plugin::spawn_options options;
+    options.time_limit_seconds = time_limit;
+    int status = plugin::run_program(argv, options);
 #if FILEOP_HAVE_POSIX_SPAWN
     if (status == -1) std::perror("vfork :\n");
-#else
-    (void)status;  // run_program reported it
 #endif
+    return !(status > 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL && time_limit > 0);
 }
 
 int32_t download(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
@@ -93,11 +97,12 @@ int32_t download(VantorXmlNode *response_slot, CommandRequest *request) noexcept
     }
 
     const char *wget[] = {"wget", "-c", "-T", "20", "--no-check-certificate", "-xqO", work.get(), address, nullptr};
-    run_and_wait(wget);
+    const bool finished = run_and_wait(wget, download_time_limit_seconds);
     ::sync();
 
     struct stat st;
-    if (::stat(work.get(), &st) != 0 || st.st_size == 0) {
+    if (!finished || ::stat(work.get(), &st) != 0 || st.st_size == 0) {
+        // Cut off at the time limit: whatever arrived is not kept.
         ::unlink(work.get());
         return +rc::missing_source;
     }
@@ -170,7 +175,9 @@ FILEOP_EXPORT int file_operation_test_permission(const char *folder) noexcept {
     if (folder == nullptr) return 0;
     plugin::path_buffer probe;
     if (!plugin::format_into(probe, "%s/.permission_test.pvx", folder)) return 0;
-    plugin::unique_fd fd(::open(probe, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    // Never through a link: a planted ".permission_test.pvx" link makes the
+    // folder count as not writable instead of truncating its target.
+    plugin::unique_fd fd(::open(probe, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!fd.valid()) return 0;
     fd.reset();
     ::remove(probe);
@@ -185,6 +192,7 @@ FILEOP_EXPORT int file_operation_test_internet_connection() noexcept {
     const char *argv[] = {"wget", url, "-t1", "-T20", "--spider", nullptr};
     plugin::spawn_options options;
     options.quiet_stderr = true;
+    options.time_limit_seconds = media::download_time_limit_seconds;
     return plugin::run_program(argv, options);
 }
 

@@ -30,6 +30,13 @@ int32_t file_operation_download_file(VantorXmlNode *response_slot, CommandReques
 
 namespace media {
 
+// Wall-clock limit of each child program of the download commands (`wget`
+// fetching a file, the server probe): a server that keeps the connection
+// alive without ever finishing cannot hold a request thread longer. A
+// download cut off by it answers as one that fetched nothing (12); a probe
+// cut off answers unreachable (61).
+inline constexpr int download_time_limit_seconds = 120;
+
 // Used when the configuration does not name the metadata server.
 inline constexpr std::string_view default_metadata_host = "vtrdb.local";
 

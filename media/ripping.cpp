@@ -51,7 +51,7 @@ bool can_read(const char *path) noexcept {
 }
 
 void make_empty_file(const char *path) noexcept {
-    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
 }
 
 // Error text without the C library's shared buffer; works with both the
@@ -230,6 +230,7 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
 
     plugin::path_buffer dest;
     (void)plugin::format_into(dest, "%s%s", storage::drives_root.data(), drive);
+    if (!storage::path_allowed(dest)) return +rc::io;  // the confinement switch
     if (!path_exists(dest)) {
         say_no_device();
         return -1;
@@ -238,12 +239,14 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
         (void)plugin::format_into(dest, "%s%sMusic/", storage::drives_root.data(), drive);
         if (!path_exists(dest)) make_rip_folder(dest);
     }
+    plugin::path_buffer album_path;  // the album folder is dest, album and "_<n>"
+    if (!plugin::format_into(album_path, "%s%s", dest, album) || !storage::path_allowed(album_path)) return +rc::io;
     choose_album_folder(dest, album);
     (void)plugin::copy_text(slots[filled++], dest);
 
     if (can_read(ripping_status_file)) return +rc::io;  // a rip is under way
     // Exclusive, so that of two requests racing here only one starts.
-    plugin::unique_fd status(::open(ripping_status_file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    plugin::unique_fd status(::open(ripping_status_file, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!status.valid() && errno == EEXIST) return +rc::io;
     status.reset();
 

@@ -1,8 +1,10 @@
 #include "plugin/util.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -84,6 +86,32 @@ int wait_for(pid_t pid) noexcept {
     return status;
 }
 
+double monotonic_seconds() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// Waits for the child at most `limit` seconds, polling (no signal handler
+// of the host is touched); then kills it and reaps it.
+int wait_at_most(pid_t pid, int limit) noexcept {
+    const double deadline = monotonic_seconds() + limit;
+    long pause_ns = 1000000;  // 1 ms, growing to 50 ms
+    for (;;) {
+        int status = 0;
+        pid_t r = ::waitpid(pid, &status, WNOHANG);
+        if (r == pid) return status;
+        if (r < 0 && errno != EINTR) return -1;
+        if (monotonic_seconds() >= deadline) {
+            ::kill(pid, SIGKILL);
+            return wait_for(pid);
+        }
+        timespec pause{0, pause_ns};
+        ::nanosleep(&pause, nullptr);
+        if (pause_ns < 50000000) pause_ns *= 2;
+    }
+}
+
 #if FILEOP_HAVE_POSIX_SPAWN
 int spawn_child(const char *program, const char *const argv[], spawn_options options, pid_t *pid) noexcept {
     posix_spawn_file_actions_t actions;
@@ -140,7 +168,7 @@ int run_program(const char *const argv[], spawn_options options, const char *fil
     pid_t pid = -1;
     int err = spawn_child(file != nullptr ? file : argv[0], argv, options, &pid);
     if (err != 0) return pid < 0 && err == EAGAIN ? -1 : 127 << 8;  // could not start: like the shell's 127
-    return wait_for(pid);
+    return options.time_limit_seconds > 0 ? wait_at_most(pid, options.time_limit_seconds) : wait_for(pid);
 }
 
 }  // namespace plugin

@@ -91,6 +91,9 @@ struct spawn_options {
     bool search_path = true;    // execvp-style lookup of argv[0] (or of file)
     bool quiet_stdout = false;  // standard output to /dev/null
     bool quiet_stderr = false;  // standard error to /dev/null
+    // Wall-clock limit in seconds (0: none). A child still running then is
+    // killed (SIGKILL) and reaped; its wait status tells the signal.
+    int time_limit_seconds = 0;
 };
 
 // Runs a program with an argv array (never a shell), waits for that child

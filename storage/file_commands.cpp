@@ -106,7 +106,8 @@ int32_t create_user_storage_file(VantorXmlNode * /*response_slot*/, CommandReque
     // The file is made at the path exactly as the client sent it: clients
     // send absolute paths under the drives root, where the checks looked.
     if (!load_path(path, arg(request, 1))) return +rc::io;
-    plugin::unique_fd fd(::open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0700));
+    if (!storage::path_allowed(path)) return +rc::bad_path;  // confined: as sent, too
+    plugin::unique_fd fd(::open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0700));
     if (!fd.valid()) return +rc::io;
     fd.reset();
     ::sync();
@@ -120,10 +121,15 @@ int32_t write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandReques
     if (!isfileexist(path)) return +rc::not_found;
     if (::access(path, W_OK) != 0) return +rc::no_permission;
 
-    // "w" only ever truncates here: the file exists already.
-    const char *mode = plugin::is_false_word(arg(request, 2)) ? "we" : "ae";
-    unique_file file(std::fopen(path, mode));
-    if (!file) return +rc::failure;
+    // Truncating only ever happens here: the file exists already. Never
+    // written through a link.
+    const bool truncate = plugin::is_false_word(arg(request, 2));
+    int fd = ::open(path, O_WRONLY | O_CREAT | (truncate ? O_TRUNC : O_APPEND) | O_NOFOLLOW | O_CLOEXEC, 0666);
+    unique_file file(fd >= 0 ? ::fdopen(fd, truncate ? "w" : "a") : nullptr);
+    if (!file) {
+        if (fd >= 0) ::close(fd);
+        return +rc::failure;
+    }
 
     const char *content = arg(request, 3);
     uint64_t length = write_length(count, std::strlen(content));

@@ -1,6 +1,10 @@
 #include "storage/paths.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,14 +37,97 @@ int64_t reserved_area_used_bytes() noexcept {
     return static_cast<int64_t>(kib) * 1024;
 }
 
+bool is_under(std::string_view path, std::string_view root) noexcept {
+    return path.substr(0, root.size()) == root && (path.size() == root.size() || path[root.size()] == '/');
+}
+
+// "." and ".." of an absolute path resolved as text ("/.." stays "/").
+bool normalise_lexically(plugin::path_buffer &out, const char *path) noexcept {
+    std::size_t o = 0;  // length of out so far; 0 stands for "/"
+    for (const char *p = path; *p != '\0';) {
+        while (*p == '/') ++p;
+        const char *end = p;
+        while (*end != '\0' && *end != '/') ++end;
+        const std::string_view part(p, static_cast<std::size_t>(end - p));
+        p = end;
+        if (part.empty() || part == ".") continue;
+        if (part == "..") {
+            while (o > 0 && out[--o] != '/') {
+            }
+            continue;
+        }
+        if (o + 1 + part.size() >= plugin::path_max) return false;
+        out[o++] = '/';
+        std::memcpy(out + o, part.data(), part.size());
+        o += part.size();
+    }
+    if (o == 0) out[o++] = '/';
+    out[o] = '\0';
+    return true;
+}
+
+// The drives root with its links resolved (the literal root when it does
+// not exist).
+void real_drives_root(plugin::path_buffer &out) noexcept {
+    if (::realpath(drives_root.data(), out) == nullptr) plugin::copy_text(out, drives_root);
+}
+
+// The longest existing part of path, resolved through its links, lies
+// inside the drives root.
+bool resolves_inside(const char *path) noexcept {
+    plugin::path_buffer root;
+    real_drives_root(root);
+    plugin::path_buffer part;
+    if (!plugin::copy_text(part, path)) return false;
+    for (;;) {
+        plugin::path_buffer resolved;
+        if (::realpath(part, resolved) != nullptr) return is_under(resolved, root);
+        if (errno != ENOENT && errno != ENOTDIR) return false;
+        char *slash = std::strrchr(part, '/');
+        if (slash == nullptr) return false;
+        if (slash == part) {
+            if (part[1] == '\0') return false;
+            part[1] = '\0';
+        } else {
+            *slash = '\0';
+        }
+    }
+}
+
 }  // namespace
+
+bool confinement_enabled() noexcept {
+    plugin::unique_malloc<char> value(get_var_mem(confine_variable));
+    if (value == nullptr) return false;
+    const char *v = value.get();
+    return plugin::iequals(v, "1") || plugin::iequals(v, "true") || plugin::iequals(v, "yes") ||
+           plugin::iequals(v, "on");
+}
+
+bool path_inside_drives(const char *path) noexcept {
+    if (path == nullptr || path[0] != '/') return false;
+    plugin::path_buffer lexical;
+    if (!normalise_lexically(lexical, path) || !is_under(lexical, drives_root)) return false;
+    return resolves_inside(path);
+}
+
+bool path_allowed(const char *path) noexcept { return !confinement_enabled() || path_inside_drives(path); }
+
+bool link_leads_out(const char *path) noexcept {
+    struct stat st;
+    if (path == nullptr || ::lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+    plugin::path_buffer root;
+    real_drives_root(root);
+    plugin::path_buffer resolved;
+    return ::realpath(path, resolved) == nullptr || !is_under(resolved, root);
+}
 
 int32_t translate_storage_path(plugin::path_buffer &path) noexcept {
     plugin::path_buffer scratch{};
     if (plugin::is_network_address(path)) {
         char *local = vtr_get_smb_nfs_network_url(path, 5);
         if (local == nullptr) return untranslatable;
-        bool fits = std::strlen(local) < plugin::path_max;
+        bool fits = std::strlen(local) < plugin::path_max && path_allowed(local);
         if (fits) std::memcpy(path, local, std::strlen(local) + 1);
         std::free(local);
         return fits ? network_path : untranslatable;
@@ -52,6 +139,7 @@ int32_t translate_storage_path(plugin::path_buffer &path) noexcept {
         if (!plugin::format_into(scratch, "/opt/vtrhttpd/localhost.drives%s%s", separator, path))
             return untranslatable;
     }
+    if (!path_allowed(scratch)) return untranslatable;
     std::memcpy(path, scratch, std::strlen(scratch) + 1);
     return local_path;
 }
@@ -70,8 +158,9 @@ int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) no
 }
 
 const char *resolve_network_address(const char *argument, plugin::unique_malloc<char> &holder) noexcept {
-    if (!plugin::is_network_address(argument)) return argument;
+    if (!plugin::is_network_address(argument)) return path_allowed(argument) ? argument : nullptr;
     holder.reset(vtr_get_smb_nfs_network_url(argument, 5));
+    if (holder != nullptr && !path_allowed(holder.get())) holder.reset();
     return holder.get();
 }
 

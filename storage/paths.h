@@ -18,7 +18,8 @@ enum translate_kind : int32_t { untranslatable = -1, network_path = 1, local_pat
 // Rewrites the path held in a 4096-byte buffer in place: 1 for an "smb://" or
 // "nfs://" address now holding its mount path, 2 for a local path now
 // absolute under the drives root, -1 when the address cannot be resolved or
-// the result would not fit (the buffer is then left unchanged).
+// the result would not fit (the buffer is then left unchanged). With the
+// confinement switch on, a result outside the drives root is -1 as well.
 int32_t translate_storage_path(plugin::path_buffer &path) noexcept;
 
 // Copies a client argument into a path buffer; false when it does not fit
@@ -32,8 +33,28 @@ int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) no
 // The local path of an argument that a command uses without translation:
 // the argument itself, or for an "smb://" / "nfs://" address the mount path
 // the network library gives (owned by holder). Null when the address cannot
-// be resolved.
+// be resolved, or (confinement switch on) when the path is not absolute
+// inside the drives root.
 const char *resolve_network_address(const char *argument, plugin::unique_malloc<char> &holder) noexcept;
+
+// The opt-in confinement switch: the configuration variable
+// "file_operation_confine" set to "1", "true", "yes" or "on" (any case).
+// Off when unset, so every answer stays as designed.
+inline constexpr const char *confine_variable = "file_operation_confine";
+bool confinement_enabled() noexcept;
+
+// True when path is absolute, its "." and ".." components resolved as text
+// stay inside the drives root, and the longest part of it that exists
+// resolves (through every link) inside the drives root as well.
+bool path_inside_drives(const char *path) noexcept;
+
+// With the switch on: path_inside_drives(path). With it off: true.
+bool path_allowed(const char *path) noexcept;
+
+// True when path itself is a symbolic link whose target lies outside the
+// drives root (or cannot be resolved). Such a link is never followed by a
+// copy or a move, whatever the switch says.
+bool link_leads_out(const char *path) noexcept;
 
 // 0 when `needed` bytes fit at path, 1 when they do not or path is null. The
 // reserved area below the drives root has a fixed 20 MiB quota.

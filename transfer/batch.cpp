@@ -25,13 +25,17 @@ using plugin::rc;
 constexpr std::size_t label_size = 4096;
 
 struct BatchJob {
+    plugin::unique_fd lock;  // the batch lock, held until the thread ends
     uint32_t operation = 0;  // 0 copy, 1 move
     plugin::path_buffer destination{};
     char destination_label[label_size]{};
 };
 
-// The end of a batch: empty filename and from, percent 100, whole 101.
-void send_batch_end(const BatchJob &job, int32_t count, int32_t status) noexcept {
+// The end of a batch: empty filename and from, percent 100, whole 101. The
+// batch lock goes first, so a client may start the next batch as soon as it
+// reads this line.
+void send_batch_end(BatchJob &job, int32_t count, int32_t status) noexcept {
+    job.lock.reset();
     post_transfer_event(job.operation, "", "", job.destination_label, count, count, 100, 101, 0, status);
 }
 
@@ -61,7 +65,7 @@ void run_batch(BatchJob &job) noexcept {
         send_batch_end(job, 0, +rc::io);
         return;
     }
-    plugin::unique_fd list(::open(selection_file, O_RDWR | O_CLOEXEC));
+    plugin::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
         send_batch_end(job, 0, 0);
         return;
@@ -83,12 +87,24 @@ void run_batch(BatchJob &job) noexcept {
     plugin::path_buffer source{};
     plugin::path_buffer target{};
     char label[label_size] = {};
-    while (get_filename(fd, source, sizeof source, label) == 1) {
+    // The private file changes only here; the count bounds the walk all the
+    // same, so no figure ever passes what the batch took.
+    int32_t taken = 0;
+    while (taken < progress.total && get_filename(fd, source, sizeof source, label) == 1) {
+        ++taken;
         auto send = [&](int32_t percent, int32_t status) noexcept {
             post_transfer_event(job.operation, base_name(source), label, to, progress.item, progress.total, percent,
                                 percent_of(progress.whole_done, progress.whole_total),
                                 compute_time_left(progress.whole_done, progress.whole_total), status);
         };
+        if (!batch_may_use(source) || storage::link_leads_out(source)) {
+            // A forged record, a path outside the confined drives root or a
+            // link leading out of it: reported and skipped.
+            failed = true;
+            send(percent_of(progress.item_done, progress.item_total), +rc::bad_path);
+            last = +rc::bad_path;
+            continue;
+        }
         if (isfileexist(source) == 0) {
             // The figures are still those of the previous entry.
             failed = true;
@@ -142,7 +158,7 @@ void run_batch(BatchJob &job) noexcept {
             }
             if (last == 0) {
                 mark_record_done(fd, source, label);
-                (void)::chown(target, 1001, 1001);
+                (void)::lchown(target, 1001, 1001);
                 free_bytes -= progress.item_total;
             }
         }
@@ -153,7 +169,9 @@ void run_batch(BatchJob &job) noexcept {
         ::sync();
     }
     list.reset();
-    if (last == 0) ::unlink(selection_file);
+    // As designed, a batch whose last entry failed keeps its records (the
+    // finished ones flagged "0") so that the same command can resume.
+    return_selection(last != 0);
     send_batch_end(job, progress.total, last == 0 && !failed ? 0 : +rc::io);
 }
 
@@ -192,12 +210,20 @@ int32_t copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, Comm
 
     std::unique_ptr<BatchJob> job(new (std::nothrow) BatchJob);
     if (job == nullptr) return +rc::io;
+    bool busy = false;
+    job->lock = lock_batch(&busy);
+    if (!job->lock.valid()) return busy ? +rc::busy : +rc::io;
     job->operation = move == 1 ? op_move : op_copy;
     // Entries' target paths are built from the destination in a 4096-byte
     // buffer; a longer one could name no entry.
     if (!plugin::copy_text(job->destination, destination)) return +rc::bad_argument;
     plugin::copy_text(job->destination_label, label);
-    if (!start_detached(batch_thread, job.get())) return +rc::io;
+    // Taken before the answer: later selections start a new list.
+    (void)take_selection();
+    if (!start_detached(batch_thread, job.get())) {
+        return_selection(true);
+        return +rc::io;
+    }
     (void)job.release();  // the thread owns it now
     return +rc::ok;
 }

@@ -19,6 +19,7 @@
 #include "plugin/result.h"
 #include "plugin/util.h"
 #include "storage/mime.h"
+#include "storage/paths.h"
 #include "transfer/batch.h"
 #include "transfer/engine.h"
 #include "transfer/progress.h"
@@ -35,6 +36,7 @@ constexpr std::array<const char *, 9> companion_suffixes{
 };
 
 struct DeleteJob {
+    plugin::unique_fd lock;   // the batch lock, held until the thread ends
     bool companions = false;  // the request's switch was exactly "true"
 };
 
@@ -100,7 +102,9 @@ void remove_visible_contents(const char *folder) noexcept {
 
 // Removes one entry; 0 or the error number.
 int remove_entry(const char *path, bool companions) noexcept {
-    if (isdir(path) == 0) {
+    // A link leading out of the drives root goes itself; its target's
+    // contents are never emptied.
+    if (isdir(path) == 0 || storage::link_leads_out(path)) {
         if (::unlink(path) != 0) return errno;
         if (companions && std::strncmp(storage::mime_type_for_path(path), "video", 5) == 0) {
             const char *dot = std::strrchr(path, '.');
@@ -119,9 +123,10 @@ int remove_entry(const char *path, bool companions) noexcept {
     return 0;
 }
 
-void run_delete(const DeleteJob &job) noexcept {
-    plugin::unique_fd list(::open(selection_file, O_RDWR | O_CLOEXEC));
+void run_delete(DeleteJob &job) noexcept {
+    plugin::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
+        job.lock.reset();
         post_transfer_event(op_delete, "", "", "", 0, 0, 0, 101, 0, 0);
         return;
     }
@@ -136,14 +141,24 @@ void run_delete(const DeleteJob &job) noexcept {
     int last_error = 0;
     bool going_on = true;
     bool failed = false;
+    bool stopped = false;
+    int32_t taken = 0;  // records read: never more than were counted
     auto whole = [&]() noexcept { return total == 0 ? 0 : item * 100 / total; };
     while (going_on) {
-        if (get_filename(fd, path, sizeof path, label) == 0) {
-            // The last pass removes the selection file itself.
+        if (taken >= total || get_filename(fd, path, sizeof path, label) == 0) {
+            // The last pass removes the (private) selection file itself.
             going_on = false;
-            plugin::copy_text(path, selection_file);
+            plugin::copy_text(path, batch_selection_file);
         }
         if (going_on) {
+            ++taken;
+            if (!batch_may_use(path)) {
+                // A forged record (or, confined, a path outside the drives
+                // root): reported and skipped.
+                failed = true;
+                post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, +rc::bad_path);
+                continue;
+            }
             ++item;
             if (item == 1) post_transfer_event(op_delete, base_name(path), label, "", 1, total, 0, 0, 0, 0);
         }
@@ -156,13 +171,17 @@ void run_delete(const DeleteJob &job) noexcept {
         }
         const int32_t status = delete_status_for(last_error);
         if (status == 0) {
-            going_on = false;  // the walk stops here, the selection stays
+            stopped = going_on;  // the walk stops here, the selection stays
+            going_on = false;
             break;
         }
         failed = true;
         if (going_on) post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, status);
     }
     list.reset();
+    // A walk stopped early keeps its remaining records for another try.
+    return_selection(stopped);
+    job.lock.reset();  // a client may start the next batch once it reads the end
     ::sync();
     if (last_error != 0) post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, +rc::io);
     post_transfer_event(op_delete, "", "", "", item, total, 0, 101, 0, last_error != 0 || failed ? +rc::io : 0);
@@ -185,11 +204,19 @@ int32_t delete_status_for(int error) noexcept {
 int32_t delete_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     std::unique_ptr<DeleteJob> job(new (std::nothrow) DeleteJob);
     if (job == nullptr) return +rc::io;
+    bool busy = false;
+    job->lock = lock_batch(&busy);
+    if (!job->lock.valid()) return busy ? +rc::busy : +rc::io;
     // The request's text dies with the request: decide now.
     job->companions = request->args->argc >= 2 && request->args->argv[1] != nullptr &&
                       std::strcmp(request->args->argv[1], "true") == 0;
+    // Taken before the answer: later selections start a new list.
+    (void)take_selection();
     pthread_t thread;
-    if (::pthread_create(&thread, nullptr, delete_thread, job.get()) != 0) return +rc::io;
+    if (::pthread_create(&thread, nullptr, delete_thread, job.get()) != 0) {
+        return_selection(true);
+        return +rc::io;
+    }
     ::pthread_detach(thread);
     (void)job.release();
     return +rc::ok;

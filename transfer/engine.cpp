@@ -22,6 +22,7 @@
 #include "listing/order.h"
 #include "platform/host_api.h"
 #include "plugin/result.h"
+#include "storage/paths.h"
 
 namespace transfer {
 
@@ -91,7 +92,7 @@ bool set_direct(int fd) noexcept {
 int open_source(const char *path) noexcept { return ::open(path, O_RDONLY | O_CLOEXEC); }
 
 int create_target(const char *path) noexcept {
-    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0777);
 }
 
 ssize_t read_some(int fd, char *buffer, std::size_t size) noexcept {
@@ -464,10 +465,14 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
         if (source_length + name_length >= plugin::path_max || target_length + name_length >= plugin::path_max)
             continue;
         std::memcpy(source + source_length, e->name.c_str(), name_length + 1);
+        if ((e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) && storage::link_leads_out(source)) {
+            source[source_length] = '\0';  // a link leading out of the drives root is not followed
+            continue;
+        }
         std::memcpy(target + target_length, e->name.c_str(), name_length + 1);
         result = e->is_folder ? copy_folder_with_progress(source, target, progress, operation, from, to)
                               : copy_file_with_progress(source, target, progress, operation, from, to);
-        (void)::chown(target, user_owner, user_group);
+        (void)::lchown(target, user_owner, user_group);
         source[source_length] = '\0';
         target[target_length] = '\0';
         quiet_file_start.store(1, std::memory_order_relaxed);

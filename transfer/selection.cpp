@@ -1,6 +1,9 @@
 #include "transfer/selection.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -45,12 +48,68 @@ void write_record(int fd, const char *label, const char *path) noexcept {
     }
 }
 
-// Overwrites one byte of the selection file through a second descriptor.
-void rewrite_flag(off_t offset, char flag) noexcept {
-    plugin::unique_fd second(::open(selection_file, O_WRONLY | O_CLOEXEC));
-    if (!second.valid()) return;
-    if (::pwrite(second.get(), &flag, 1, offset) != 1) return;
+// Overwrites one flag byte at offset; the descriptor's own offset stays.
+void rewrite_flag(int fd, off_t offset, char flag) noexcept { (void)::pwrite(fd, &flag, 1, offset); }
+
+bool names_file(int fd, const char *name) noexcept {
+    struct stat held, named;
+    return ::fstat(fd, &held) == 0 && ::lstat(name, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
 }
+
+// The selection file open for reading and writing with an exclusive flock
+// held on it: selection requests and a batch taking the file never
+// interleave. Invalid when there is none (or it is a link).
+plugin::unique_fd open_locked_selection() noexcept {
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        plugin::unique_fd fd(::open(selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        if (!fd.valid()) return fd;
+        int locked;
+        while ((locked = ::flock(fd.get(), LOCK_EX)) != 0 && errno == EINTR) {
+        }
+        // Taken by a batch or removed while we waited: open the new one.
+        if (locked != 0 || names_file(fd.get(), selection_file)) return fd;
+    }
+    return plugin::unique_fd();
+}
+
+// A new selection file holding one record. It is written under a name of
+// its own and then linked into place, so it never shows up empty and no
+// planted link is followed. Sets *raced when a selection file appeared
+// meanwhile.
+void create_selection(const char *label, const char *path, bool *raced) noexcept {
+    char own[96];
+    *raced = false;
+    if (!plugin::format_into(own, "%s.%ld.%lx", selection_file, static_cast<long>(::getpid()),
+                             static_cast<unsigned long>(::pthread_self())))
+        return;
+    ::unlink(own);
+    plugin::unique_fd fd(::open(own, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd.valid()) return;
+    write_record(fd.get(), label, path);
+    fd.reset();
+    *raced = ::link(own, selection_file) != 0 && errno == EEXIST;
+    ::unlink(own);
+}
+
+bool copy_rest(int in, int out) noexcept {
+    char buffer[8192];
+    for (;;) {
+        ssize_t n = ::read(in, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return true;
+        for (ssize_t done = 0; done < n;) {
+            ssize_t w = ::write(out, buffer + done, static_cast<std::size_t>(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) return false;
+            done += w;
+        }
+    }
+}
+
+// True when a path would forge or split records.
+bool holds_line_break(const char *text) noexcept { return std::strpbrk(text, "\r\n") != nullptr; }
 
 // A record must stay readable by the readers' 4098-byte line limit.
 bool record_fits(const char *label, const char *path) noexcept {
@@ -107,7 +166,60 @@ void mark_record_done(int fd, std::string_view path, std::string_view label) noe
     if (here < 0) return;
     off_t start = here - static_cast<off_t>(path.size() + label.size() + 3 + 1);
     if (start < 0) return;
-    rewrite_flag(start, '0');
+    rewrite_flag(fd, start, '0');
+}
+
+plugin::unique_fd lock_batch(bool *busy) noexcept {
+    *busy = false;
+    plugin::unique_fd fd(::open(batch_lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd.valid()) return fd;
+    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EINTR) continue;
+        *busy = errno == EWOULDBLOCK;
+        fd.reset();
+        break;
+    }
+    return fd;
+}
+
+void return_selection(bool keep) noexcept {
+    if (!keep) {
+        ::unlink(batch_selection_file);
+        return;
+    }
+    constexpr const char *merged = "/tmp/fslist.merge";  // only ever made under the batch lock
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        if (::link(batch_selection_file, selection_file) == 0) {
+            ::unlink(batch_selection_file);
+            return;
+        }
+        if (errno != EEXIST) return;  // nothing to put back, or kept for the next batch
+        // A selection made while the batch ran follows the batch's records.
+        plugin::unique_fd newer = open_locked_selection();
+        if (!newer.valid()) continue;
+        ::unlink(merged);
+        plugin::unique_fd out(::open(merged, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        plugin::unique_fd old(::open(batch_selection_file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (out.valid() && old.valid() && copy_rest(old.get(), out.get()) && copy_rest(newer.get(), out.get()) &&
+            out.close_checked() && ::rename(merged, selection_file) == 0) {
+            ::unlink(batch_selection_file);
+        } else {
+            ::unlink(merged);
+        }
+        return;
+    }
+}
+
+bool take_selection() noexcept {
+    // An earlier batch that never ended (the process died) left its records.
+    return_selection(true);
+    plugin::unique_fd held = open_locked_selection();
+    if (!held.valid()) return false;
+    return ::rename(selection_file, batch_selection_file) == 0;
+}
+
+bool batch_may_use(const char *path) noexcept {
+    return path != nullptr && path[0] == '/' && storage::path_allowed(path);
 }
 
 int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
@@ -122,10 +234,11 @@ int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, Comm
     }
     const int wanted = what == action::select ? 1 : 0;
     if (argument == nullptr || argument[0] == '\0') return +rc::bad_argument;
+    if (holds_line_break(argument)) return +rc::bad_argument;
 
     plugin::unique_malloc<char> translated;
     const char *path = storage::resolve_network_address(argument, translated);
-    if (path == nullptr) return +rc::bad_argument;
+    if (path == nullptr || holds_line_break(path)) return +rc::bad_argument;
     if (translated != nullptr) {
         collapse_slashes(translated.get());
         if (wanted == 1) listing::share_display_name(argument, label);
@@ -135,32 +248,39 @@ int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, Comm
     // A record longer than the readers' line limit would be read as two.
     if (!record_fits(label, path)) return +rc::bad_argument;
 
-    plugin::unique_fd fd(::open(selection_file, O_RDWR | O_CLOEXEC));
-    if (!fd.valid()) {
-        if (wanted == 1) {
-            plugin::unique_fd created(
-                ::open(selection_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-            if (created.valid()) write_record(created.get(), label, path);
+    // What an interrupted batch left goes back first (when none runs).
+    if (::access(batch_selection_file, F_OK) == 0) {
+        bool busy = false;
+        plugin::unique_fd batch_lock = lock_batch(&busy);
+        if (batch_lock.valid()) return_selection(true);
+    }
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        plugin::unique_fd fd = open_locked_selection();
+        if (!fd.valid()) {
+            if (wanted == 0) return +rc::ok;
+            bool raced = false;
+            create_selection(label, path, &raced);
+            if (raced) continue;
+            return +rc::ok;
         }
-        return +rc::ok;
-    }
-    const int found = find_selection_record(fd.get(), path);
-    if (wanted == 1 && found == -1) {
-        if (::lseek(fd.get(), 0, SEEK_END) >= 0) write_record(fd.get(), label, path);
-    } else if (found != wanted) {
-        // Also for a deselect of an absent path: the lone "0" lands at the
-        // end of the file, where the search stopped, and the next record
-        // appended after it reads as deselected.
-        char flag[4];
-        std::snprintf(flag, sizeof flag, "%d", wanted);
-        off_t offset = ::lseek(fd.get(), 0, SEEK_CUR);
-        if (offset >= 0) rewrite_flag(offset, flag[0]);
-    }
-    if (wanted == 0) {
-        ::lseek(fd.get(), 0, SEEK_SET);
-        int left = count_selected_records(fd.get());
-        fd.reset();
-        if (left == 0) ::unlink(selection_file);
+        const int found = find_selection_record(fd.get(), path);
+        if (wanted == 1 && found == -1) {
+            if (::lseek(fd.get(), 0, SEEK_END) >= 0) write_record(fd.get(), label, path);
+        } else if (found != wanted) {
+            // Also for a deselect of an absent path: the lone "0" lands at the
+            // end of the file, where the search stopped, and the next record
+            // appended after it reads as deselected.
+            char flag[4];
+            std::snprintf(flag, sizeof flag, "%d", wanted);
+            off_t offset = ::lseek(fd.get(), 0, SEEK_CUR);
+            if (offset >= 0) rewrite_flag(fd.get(), offset, flag[0]);
+        }
+        if (wanted == 0) {
+            ::lseek(fd.get(), 0, SEEK_SET);
+            // Removed while still locked, so a waiting request starts anew.
+            if (count_selected_records(fd.get()) == 0) ::unlink(selection_file);
+        }
+        break;
     }
     return +rc::ok;
 }

@@ -9,10 +9,16 @@
 #include <string_view>
 
 #include "platform/host_api.h"
+#include "plugin/util.h"
 
 namespace transfer {
 
 inline constexpr const char *selection_file = "/tmp/fslist";
+// A batch works on a private copy of the selection, taken in one rename
+// when it starts, and holds an flock on the lock file while it runs (the
+// kernel drops it with the process, so a crash never leaves it held).
+inline constexpr const char *batch_selection_file = "/tmp/fslist.batch";
+inline constexpr const char *batch_lock_file = "/tmp/fslist.lock";
 inline constexpr int search_line_limit = 4100;  // line limit while searching a path
 inline constexpr int count_line_limit = 4098;   // line limit of the counters and readers
 
@@ -35,8 +41,31 @@ int64_t sum_selected_sizes(int fd) noexcept;
 // left where it was (at the next record).
 void mark_record_done(int fd, std::string_view path, std::string_view label) noexcept;
 
+// The batch lock, taken without waiting; invalid when another batch holds
+// it (*busy set) or the lock file cannot be opened.
+plugin::unique_fd lock_batch(bool *busy) noexcept;
+
+// Under the batch lock: puts back what an earlier, interrupted batch left,
+// then moves the selection to the batch's private file. False when there is
+// no selection (the private file is then absent).
+bool take_selection() noexcept;
+
+// Under the batch lock, at the end of a batch: with keep, the private file
+// (finished records flagged "0", the others still "1") becomes the
+// selection again, in front of any selection made while the batch ran;
+// without keep it is removed.
+void return_selection(bool keep) noexcept;
+
+// True when a record's path may be acted on by a batch: absolute (a record
+// forged by a damaged file is not) and, with the confinement switch on,
+// inside the drives root.
+bool batch_may_use(const char *path) noexcept;
+
 // select_user_storage_file_to_list: argv[1] path, argv[2] "select",
-// "deselect" or "deselect_all". 0, 4 (the file could not be removed) or 8.
+// "deselect" or "deselect_all". 0, 4 (the file could not be removed) or 8
+// (also for a path holding a line feed or a carriage return, which would
+// forge records, and with the confinement switch on for a path outside the
+// drives root).
 int32_t select_user_storage_file_to_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 }  // namespace transfer

@@ -47,7 +47,8 @@ FAKE_BIN = OPT / "testbin"
 
 # State files of the plug-in and of the simulated client under /tmp.
 TMP_STATE = [
-    "/tmp/fslist", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/usb_name.txt",
+    "/tmp/fslist", "/tmp/fslist.batch", "/tmp/fslist.merge", "/tmp/usr_file_list", "/tmp/smb.out",
+    "/tmp/usb_name.txt",
     "/tmp/netfs_client.log", "/tmp/vtr_framework_pipe",
     # the ripper's status and control files
     "/tmp/RippingStatus.txt", "/tmp/AlbumeName.txt", "/tmp/TrackNumber.txt", "/tmp/list.txt",

@@ -305,7 +305,8 @@ def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):
     assert (src / "second").exists() and (src / "third").exists()
     assert (other / "second").stat().st_size < 600 * MiB
     assert not (other / "third").exists()
-    assert FSLIST.read_text() == f"0|Stick|{src}/first\n1|Stick|{src}/second\n1|Stick|{src}/third\n"
+    # The batch's private copy; the next selection or batch puts it back.
+    assert Path("/tmp/fslist.batch").read_text() == f"0|Stick|{src}/first\n1|Stick|{src}/second\n1|Stick|{src}/third\n"
 
 
 def test_no_selection_and_events_without_a_reader(host, usb):
@@ -315,7 +316,7 @@ def test_no_selection_and_events_without_a_reader(host, usb):
     select_paths(host, usb[0] / "x")
     assert host.run("copy_user_storage_file_from_list", str(dst)).result == 0
     deadline = time.monotonic() + 30
-    while FSLIST.exists() and time.monotonic() < deadline:
+    while Path("/tmp/fslist.batch").exists() and time.monotonic() < deadline:
         time.sleep(0.05)
     assert (dst / "x").read_text() == "x"  # the batch never waited for a reader
     assert not os.path.exists(PIPE)

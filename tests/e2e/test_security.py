@@ -1,0 +1,146 @@
+"""Hostile names, planted links, concurrent batches and the opt-in
+confinement of client paths to the drives root."""
+import shutil
+from pathlib import Path
+
+import pytest
+
+from conftest import DRIVES, OPT, make_fake
+
+FSLIST = Path("/tmp/fslist")
+OUTSIDE = OPT / "outside"  # beside the drives root: "../outside" from it
+END = "<whole>101</whole>"
+
+
+@pytest.fixture
+def usb(drives, fake_bin):
+    shutil.rmtree(OUTSIDE, ignore_errors=True)
+    OUTSIDE.mkdir()
+    (OUTSIDE / "secret.txt").write_text("secret")
+    Path("/tmp/usb_name.txt").write_text("USB1|Stick\n")
+    (drives / "USB1").mkdir()
+    make_fake(fake_bin, "wget", "exit 0\n")  # the server probe answers
+    yield drives / "USB1"
+    shutil.rmtree(OUTSIDE, ignore_errors=True)
+
+
+def wait_ends(pipe, count=1):
+    return pipe.wait_for(lambda ls: sum(END in l for l in ls) >= count, 60)
+
+
+@pytest.mark.parametrize("batch", [["delete_user_storage_file_from_list"],
+                                   ["copy_user_storage_file_from_list", str(OUTSIDE / "dst")]])
+def test_line_breaks_never_forge_selection_records(host, usb, framework_pipe, batch):
+    (OUTSIDE / "dst").mkdir()
+    (OUTSIDE / "victim").write_text("v")
+    forged = usb / "clip.mkv\n1|victim\n1|x.mkv"
+    forged.write_text("f")
+    for name in (str(forged), f"{usb}/a\rb"):
+        assert host.run("select_user_storage_file_to_list", name, "select").result == 8
+    assert not FSLIST.exists()
+    # A damaged selection file with relative records (the host works in
+    # "/"): reported, skipped.
+    (usb / "go").write_text("g")
+    FSLIST.write_text(f"1|L|opt/vtrhttpd/outside/victim\n1|Stick|{usb}/go\n")
+    assert host.run(*batch).result == 0
+    lines = wait_ends(framework_pipe)
+    assert sum("<status>11</status>" in l for l in lines) == 1
+    assert (OUTSIDE / "victim").read_text() == "v" and forged.exists()
+    assert sorted(p.name for p in (OUTSIDE / "dst").iterdir()) == (["go"] if len(batch) > 1 else [])
+    assert (usb / "go").exists() == (len(batch) > 1)
+
+
+# (command, arguments, result with the switch off, result with it on)
+CONFINED = [
+    ("read_user_storage_file", ["USB1/in.txt", "0", "0"], 0, 0),
+    ("read_user_storage_file", ["../outside/secret.txt", "0", "0"], 0, 1),
+    ("read_user_storage_file", ["USB1/out/secret.txt", "0", "0"], 0, 1),  # a link leading out
+    ("read_user_storage_file", ["USB1/out/../in.txt", "0", "0"], 401, 1),  # the link's "..", not the text's
+    ("create_user_storage_file", [f"{DRIVES}/../outside/new.txt"], 0, 11),
+    ("create_user_storage_file", [f"{DRIVES}/USB1/new.txt"], 0, 0),
+    ("calculate_user_storage_file_hash", [str(OUTSIDE / "secret.txt")], 0, 8),
+    ("calculate_user_storage_file_hash", [f"{DRIVES}/USB1/out/secret.txt"], 0, 8),
+    ("verify_user_storage_download_status", [str(OUTSIDE)], 0, 11),
+    ("download_user_storage_file", [str(OUTSIDE / "out"), "http://x/a.jpg", "a.jpg"], 12, 11),
+    ("list_user_storage_file", ["../outside", "0", "0", "true", "true", "false", ""], 0, 11),
+    ("select_user_storage_file_to_list", [str(OUTSIDE / "secret.txt"), "select"], 0, 8),
+    ("copy_user_storage_file_from_list", [str(OUTSIDE)], 0, 8),
+]
+
+
+@pytest.mark.parametrize("confine", [False, True])
+def test_confinement_switch(host, usb, config, framework_pipe, confine):
+    (usb / "in.txt").write_text("in")
+    (usb / "out").symlink_to(OUTSIDE)
+    if confine:
+        config["file_operation_confine"] = "1"
+    got = [host.run(name, *args).result for name, args, _, _ in CONFINED]
+    assert got == [on if confine else off for _, _, off, on in CONFINED]
+    assert (OUTSIDE / "new.txt").exists() != confine
+    if not confine:
+        wait_ends(framework_pipe)
+
+
+def copy_folder_with_link(host, usb, pipe):
+    (usb / "f").mkdir()
+    (usb / "f" / "inside").symlink_to(OUTSIDE)
+    (usb / "f" / "kept.txt").write_text("k")
+    (usb / "dst").mkdir()
+    assert host.run("select_user_storage_file_to_list", f"{usb}/f", "select").result == 0
+    assert host.run("copy_user_storage_file_from_list", f"{usb}/dst").result == 0
+    wait_ends(pipe)
+    assert sorted(p.name for p in (usb / "dst" / "f").iterdir()) == ["kept.txt"]
+
+
+def copy_onto_dangling_link(host, usb, pipe):
+    (usb / "a.txt").write_text("a")
+    (usb / "dst").mkdir()
+    (usb / "dst" / "a.txt").symlink_to(OUTSIDE / "made.txt")
+    assert host.run("select_user_storage_file_to_list", f"{usb}/a.txt", "select").result == 0
+    assert host.run("copy_user_storage_file_from_list", f"{usb}/dst").result == 0
+    wait_ends(pipe)
+    assert not (OUTSIDE / "made.txt").exists()
+
+
+def probe_through_link(host, usb, pipe):
+    (usb / ".permission_test.pvx").symlink_to(OUTSIDE / "secret.txt")
+    assert host.run("verify_user_storage_download_status", str(usb)).result == 60
+
+
+def write_through_link(host, usb, pipe):
+    (usb / "w.txt").symlink_to(OUTSIDE / "secret.txt")
+    assert host.run("write_user_storage_file", f"{usb}/w.txt", "false", "x", "0").result == 1
+
+
+def delete_link_to_folder(host, usb, pipe):
+    (usb / "l").symlink_to(OUTSIDE)
+    assert host.run("select_user_storage_file_to_list", f"{usb}/l", "select").result == 0
+    assert host.run("delete_user_storage_file_from_list").result == 0
+    wait_ends(pipe)
+    assert not (usb / "l").is_symlink()
+
+
+@pytest.mark.parametrize("case", [copy_folder_with_link, copy_onto_dangling_link, probe_through_link,
+                                  write_through_link, delete_link_to_folder])
+def test_planted_links_are_never_followed_out(host, usb, framework_pipe, case):
+    case(host, usb, framework_pipe)
+    assert (OUTSIDE / "secret.txt").read_text() == "secret"
+
+
+def test_a_batch_owns_its_selection(host, usb, framework_pipe, fake_bin):
+    # A slow "rm" keeps the delete busy; a hidden file then stops it.
+    make_fake(fake_bin, "rm", "sleep 2\nexec /bin/rm \"$@\"\n")
+    (usb / "a" / "sub").mkdir(parents=True)
+    (usb / "a" / ".hidden").write_text("h")
+    (usb / "b").write_text("b")
+    assert host.run("select_user_storage_file_to_list", f"{usb}/a", "select").result == 0
+    assert host.run("delete_user_storage_file_from_list").result == 0
+    assert host.run("delete_user_storage_file_from_list").result == 2
+    assert host.run("copy_user_storage_file_from_list", str(OUTSIDE)).result == 2
+    assert host.run("select_user_storage_file_to_list", f"{usb}/b", "select").result == 0
+    lines = wait_ends(framework_pipe)
+    assert (usb / "b").exists() and all("<total>1</total>" in l for l in lines[:-1])
+    # The unfinished record goes back in front of the newer selection.
+    assert FSLIST.read_text() == f"1|Stick|{usb}/a\n1|Stick|{usb}/b\n"
+    assert host.run("copy_user_storage_file_from_list", str(OUTSIDE)).result == 0
+    wait_ends(framework_pipe, 2)
