@@ -189,9 +189,11 @@ MHD_Result send_error(MHD_Connection *conn, connection_state &c, unsigned status
 
 // --- who may ask what ------------------------------------------------------
 
+// Equal but for the case of ASCII letters.
 bool same_text_nocase(std::string_view a, std::string_view b) {
+    auto lower = [](char ch) { return ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + 32) : ch; };
     return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return (x | 0x20) == (y | 0x20); });
+           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
 }
 
 // True when a Host header value names this server: localhost, the bound
@@ -406,15 +408,15 @@ void sse_free(void *cls) {
     --g_state->event_clients;
 }
 
-// The sequence number to resume from after a Last-Event-ID: decimal digits
-// only, naming a line already relayed; anything else resumes nowhere.
-bool resume_after(const char *text, uint64_t next, uint64_t &seq) {
+// The sequence number a client starts at after sending Last-Event-ID: the
+// line after the one named, when the text is decimal digits only (no sign,
+// no blank, within 64 bits) naming a line already relayed; else next, the
+// line still to come.
+uint64_t resume_sequence(const char *last_id, uint64_t next) {
     uint64_t id = 0;
-    const char *end = text + std::strlen(text);
-    auto [stop, ec] = std::from_chars(text, end, id);
-    if (ec != std::errc() || stop != end || *text < '0' || *text > '9' || id >= next) return false;
-    seq = id + 1;
-    return true;
+    const char *end = last_id + std::strlen(last_id);
+    auto [stop, ec] = std::from_chars(last_id, end, id);
+    return ec == std::errc() && stop == end && id < next ? id + 1 : next;
 }
 
 MHD_Result serve_events(MHD_Connection *conn, connection_state &c) {
@@ -430,7 +432,7 @@ MHD_Result serve_events(MHD_Connection *conn, connection_state &c) {
     client->seq = g_state->hub.next_sequence();
     // A reconnecting EventSource resumes after the last event it saw.
     if (const char *last = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "Last-Event-ID"))
-        resume_after(last, client->seq, client->seq);
+        client->seq = resume_sequence(last, client->seq);
     client->pending = "retry: 2000\n\n";
     MHD_Response *r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 4096, sse_read, client, sse_free);
     if (r == nullptr) {
@@ -504,12 +506,14 @@ void on_completed(void * /*cls*/, MHD_Connection *conn, void **con_cls, MHD_Requ
     *con_cls = nullptr;
 }
 
-// The request target ends where the HTTP version begins, one blank before
-// it; a shorter text means a NUL byte inside the target cut it.
+// libmicrohttpd hands the request target over as a C string, cut at a NUL
+// byte the client sent inside it. In the request line the target runs up to
+// the blank before the HTTP version, whose text the library also hands over
+// in place: a target shorter than that span held a NUL.
 bool target_holds_nul(const connection_state &c, const char *version) {
     if (c.uri_start == nullptr || version == nullptr || *version == '\0') return false;
     auto start = reinterpret_cast<std::uintptr_t>(c.uri_start), end = reinterpret_cast<std::uintptr_t>(version);
-    return end > start && end - start - 1 != c.raw_uri.size();
+    return end > start && end - start - 1 > c.raw_uri.size() && end - start < (1u << 20);
 }
 
 MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char *method, const char *version,
