@@ -9,7 +9,6 @@ import subprocess
 import time
 import urllib.parse
 import xml.etree.ElementTree as ET
-from pathlib import Path
 
 from conftest import BUILD_DIR, host_env
 
@@ -29,10 +28,7 @@ class Reply:   # an answer: status, headers, body and, for XML, root
     def __init__(self, status, headers, body):
         self.status, self.headers, self.body = status, headers, body
         self.root = ET.fromstring(body) if body.startswith(b"<?xml") else None
-
-    @property
-    def result(self):
-        return int(self.root.find("result").text)
+        self.result = int(self.root.findtext("result", "-1")) if self.root is not None else None
 
     @property
     def args(self):   # the echoed parameters as bytes, base64 undone
@@ -42,8 +38,7 @@ class Reply:   # an answer: status, headers, body and, for XML, root
 
 class Server:
     def __init__(self, log_path, args=()):
-        self.log_path = Path(log_path)
-        self.log = open(self.log_path, "wb")
+        self.log_path, self.log = log_path, open(log_path, "wb")   # log_path: a Path
         self.proc = subprocess.Popen([str(CMDSERVER), "--port", "0", *args], stdout=subprocess.DEVNULL,
                                      stderr=self.log, env=host_env(), cwd="/")
         for _ in range(400):

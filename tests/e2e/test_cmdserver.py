@@ -22,8 +22,7 @@ pytestmark = [pytest.mark.native_only, pytest.mark.skipif(not CMDSERVER.exists()
 @pytest.fixture(scope="module")
 def srv(tmp_path_factory):   # a pipe of its own: the tests' clean-up removes the usual one
     folder = tmp_path_factory.mktemp("cmdserver")
-    s = Server(folder / "server.log", args=("--pipe", str(folder / "pipe"), "--allow-host", "player.lan"))
-    yield s
+    yield (s := Server(folder / "server.log", args=("--pipe", str(folder / "pipe"), "--allow-host", "player.lan")))
     s.stop()
 
 
@@ -166,11 +165,18 @@ def test_long_commands_leave_a_slot_for_stop_ripping(fresh_server, fake_bin):
 def test_half_sent_surplus_and_event_connections_are_limited(fresh_server):
     srv = fresh_server("--threads", "1")
     socks = [socket.create_connection(("127.0.0.1", srv.port), timeout=30) for _ in range(40)]
-    for s in socks:   # closed at once past the per-address limit, else after the idle timeout
-        s.sendall(b"GET /file_operation/list_user_storage_file HTTP/1.1\r\nHo")
     for s in socks:
+        s.sendall(b"GET /file_operation/list_user_storage_file HTTP/1.1\r\nHo")
+
+    def closed(s):
         with contextlib.suppress(ConnectionResetError):
-            assert s.recv(100) == b""
+            return s.recv(100) == b""
+        return True
+    assert all(closed(s) for s in socks[32:])   # past the per-address limit: at once
+    socks[0].setblocking(False)
+    with pytest.raises(BlockingIOError):        # the others stay open...
+        socks[0].recv(1, socket.MSG_PEEK)
+    assert all(closed(s) for s in socks[1:32])  # ...until idle for 10 s
     streams = [EventStream(srv) for _ in range(17)]   # they take no plug-in slot
     assert [s.resp.status for s in streams] == [200] * 16 + [503]
     assert srv.call("no_such_user_command", timeout=10).status == 200
