@@ -11,8 +11,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sys/random.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -23,6 +27,7 @@
 #include <memory>
 #include <semaphore>
 #include <shared_mutex>
+#include <span>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -43,6 +48,40 @@ constexpr const char group_name[] = "file_operation";
 constexpr std::size_t max_body = 1 << 20;   // form-encoded POST body
 constexpr int max_parameters = 256;
 constexpr int sse_keepalive_ms = 10000;
+// Limits that keep one client from holding the server (docs/cmdserver.md).
+constexpr unsigned idle_timeout_s = 10;       // request headers, bodies, keep-alive
+constexpr unsigned events_timeout_s = 60;     // an event client that reads nothing
+constexpr unsigned max_connections = 512;
+constexpr unsigned max_per_address = 32;
+constexpr int max_event_clients = 16;
+constexpr std::size_t max_read_content = 16u << 20;  // bytes of file content per answer
+constexpr const char request_header[] = "X-Vtr-Request";
+
+// Sub-commands that only read: a request without the custom header may run
+// them. Every other name changes something and needs the header.
+constexpr std::string_view read_commands[] = {
+    "list_user_storage_file", "search_user_storage_file", "read_user_storage_file",
+    "get_user_storage_file_info", "search_user_storage_subtitle", "calculate_user_storage_file_hash",
+    "verify_user_storage_download_status", "get_user_storage_file_index", "read_app_storage_file",
+    "get_app_storage_file_info",
+};
+
+// Sub-commands that can run long; they never take the slots kept for the
+// others. Any name holding "ripping" is long too, except StopRipping.
+constexpr std::string_view long_commands[] = {
+    "search_user_storage_file", "get_user_storage_file_index", "copy_user_storage_file",
+    "move_user_storage_file", "backup_user_storage_file", "copy_user_storage_file_from_list",
+    "move_user_storage_file_from_list", "delete_user_storage_file_from_list", "search_user_storage_subtitle",
+    "calculate_user_storage_file_hash", "download_user_storage_file", "copy_app_storage_file",
+};
+
+// The reads whose answer carries file content, and the word holding their
+// byte count (0: the whole file).
+struct content_read {
+    std::string_view command;
+    std::size_t count_word;
+};
+constexpr content_read content_reads[] = {{"read_user_storage_file", 3}, {"read_app_storage_file", 6}};
 
 struct server_options {
     std::string bind = "127.0.0.1";
@@ -53,6 +92,7 @@ struct server_options {
     std::string web_dir;
     std::string pipe = cmdserver::framework_pipe;
     int threads = 8;
+    std::vector<std::string> allowed_hosts;
 };
 
 struct server_state {
@@ -60,6 +100,12 @@ struct server_state {
     cmdserver::event_hub hub;
     bool events_ok = false;
     std::unique_ptr<std::counting_semaphore<1024>> slots;
+    std::unique_ptr<std::counting_semaphore<1024>> long_slots;  // fewer than slots
+    std::atomic<int> event_clients{0};
+    // Host header values accepted besides localhost and the bound address.
+    std::vector<std::string> allowed_hosts;
+    std::string bind;
+    bool bind_any = false;  // 0.0.0.0 or ::: every address literal names the server
     // Plug-in calls hold it shared; the sweep of never-appended nodes takes
     // it exclusively, so it only runs while no call is building a tree.
     std::shared_mutex calls;
@@ -71,6 +117,7 @@ server_state *g_state = nullptr;  // set once in main before the daemon starts
 // What one request is and did; lives from the URI callback to completion.
 struct connection_state {
     std::string raw_uri;
+    const char *uri_start = nullptr;  // where the target began in the request line
     std::string peer;
     clock_type::time_point start = clock_type::now();
     std::string body;
@@ -105,52 +152,178 @@ void log_line(const connection_state &c, const char *method) {
 
 // --- answers -------------------------------------------------------------
 
-MHD_Result send_text(MHD_Connection *conn, connection_state &c, unsigned status, std::string body,
-                     const char *type) {
+constexpr const char xml_type[] = "application/xml; charset=utf-8";
+// Nothing but the console page may run scripts, load anything or be framed.
+constexpr const char data_policy[] = "default-src 'none'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'";
+
+// Queues r with the headers every answer carries.
+MHD_Result queue(MHD_Connection *conn, connection_state &c, unsigned status, MHD_Response *r, const char *type,
+                 const char *policy = data_policy, const char *allow = nullptr) {
     c.http_status = status;
-    MHD_Response *r = MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);
-    if (r == nullptr) return MHD_NO;
     MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, type);
     MHD_add_response_header(r, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
-    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, "GET, HEAD, POST");
+    MHD_add_response_header(r, "Content-Security-Policy", policy);
+    MHD_add_response_header(r, "X-Frame-Options", "DENY");
+    MHD_add_response_header(r, "X-Content-Type-Options", "nosniff");
+    MHD_add_response_header(r, "Cross-Origin-Resource-Policy", "same-origin");
+    if (allow != nullptr) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, allow);
     MHD_Result ok = MHD_queue_response(conn, status, r);
     MHD_destroy_response(r);
     return ok;
 }
 
-MHD_Result send_error(MHD_Connection *conn, connection_state &c, unsigned status,
-                      std::string_view message) {
-    c.result = "-";
-    return send_text(conn, c, status, cmdserver::error_document(static_cast<int>(status), message),
-                     "application/xml; charset=utf-8");
+MHD_Result send_text(MHD_Connection *conn, connection_state &c, unsigned status, const std::string &body,
+                     const char *type, const char *policy = data_policy, const char *allow = nullptr) {
+    MHD_Response *r = MHD_create_response_from_buffer(body.size(), const_cast<char *>(body.data()),
+                                                      MHD_RESPMEM_MUST_COPY);
+    if (r == nullptr) return MHD_NO;
+    return queue(conn, c, status, r, type, policy, allow);
 }
 
-void append_tree(std::string &out, const vtrsim::xml_node *n, int depth) {
+MHD_Result send_error(MHD_Connection *conn, connection_state &c, unsigned status, std::string_view message,
+                      const char *allow = nullptr) {
+    c.result = "-";
+    return send_text(conn, c, status, cmdserver::error_document(static_cast<int>(status), message), xml_type,
+                     data_policy, allow);
+}
+
+// --- who may ask what ------------------------------------------------------
+
+// Equal but for the case of ASCII letters.
+bool same_text_nocase(std::string_view a, std::string_view b) {
+    auto lower = [](char ch) { return ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + 32) : ch; };
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+// True when a Host header value names this server: localhost, the bound
+// address (any address literal when bound to all addresses) or a name given
+// with --allow-host, with or without a port. A page whose own name was
+// pointed at this server (DNS rebinding) sends its own name and is refused.
+bool host_allowed(std::string_view host) {
+    const server_state &s = *g_state;
+    std::string_view name = host, port;
+    if (!host.empty() && host.front() == '[') {
+        std::size_t end = host.find(']');
+        if (end == std::string_view::npos) return false;
+        name = host.substr(1, end - 1);
+        port = host.substr(end + 1);
+        if (!port.empty() && port.front() != ':') return false;
+    } else if (std::size_t colon = host.find(':'); colon != std::string_view::npos) {
+        name = host.substr(0, colon);
+        port = host.substr(colon);
+    }
+    if (!port.empty()) {
+        port.remove_prefix(1);
+        if (port.empty() || port.size() > 5 || !std::all_of(port.begin(), port.end(), [](char d) { return d >= '0' && d <= '9'; }))
+            return false;
+    }
+    if (name.empty()) return false;
+    if (same_text_nocase(name, "localhost")) return true;
+    for (const std::string &allowed : s.allowed_hosts)
+        if (same_text_nocase(name, allowed)) return true;
+    std::string text(name);
+    unsigned char bin[sizeof(in6_addr)], bound[sizeof(in6_addr)];
+    for (int family : {AF_INET, AF_INET6}) {
+        if (::inet_pton(family, text.c_str(), bin) != 1) continue;
+        if (s.bind_any) return true;
+        return ::inet_pton(family, s.bind.c_str(), bound) == 1 &&
+               std::memcmp(bin, bound, family == AF_INET ? sizeof(in_addr) : sizeof(in6_addr)) == 0;
+    }
+    return false;
+}
+
+bool listed(std::span<const std::string_view> names, std::string_view name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+bool is_long_command(const cmdserver::call_target &t) {
+    if (listed(long_commands, t.command)) return true;
+    return t.command.find("ripping") != std::string::npos && !(t.args.size() == 1 && t.args[0] == "StopRipping");
+}
+
+// Refuses (with the answer sent) what a page of another site could make a
+// browser send. Returns false when the request may go on.
+bool refused_host(MHD_Connection *conn, connection_state &c, MHD_Result &answer) {
+    const char *host = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
+    if (host == nullptr || host_allowed(host)) return false;
+    answer = send_error(conn, c, MHD_HTTP_FORBIDDEN,
+                        std::string("the Host \"") + host + "\" does not name this server (see --allow-host)");
+    return true;
+}
+
+bool refused_origin(MHD_Connection *conn, connection_state &c, MHD_Result &answer) {
+    const char *host = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
+    // A page of another origin: its Origin differs from the address it asked.
+    if (const char *origin = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_ORIGIN)) {
+        if (host == nullptr || !same_text_nocase(origin, std::string("http://") + host)) {
+            answer = send_error(conn, c, MHD_HTTP_FORBIDDEN, std::string("requests from ") + origin + " are not served");
+            return true;
+        }
+    }
+    if (const char *site = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "Sec-Fetch-Site")) {
+        if (std::strcmp(site, "same-origin") != 0 && std::strcmp(site, "none") != 0) {
+            answer = send_error(conn, c, MHD_HTTP_FORBIDDEN, std::string("requests from a ") + site + " page are not served");
+            return true;
+        }
+    }
+    return false;
+}
+
+// An answer on its way to the client: the plug-in's tree and the request
+// stay alive until the document that refers to them has been sent.
+struct answer_stream {
+    cmdserver::call_target target;
+    vtrsim::xml_node *root = nullptr;
+    std::string result;
+    cmdserver::document doc;
+    ~answer_stream() {
+        if (root != nullptr) vtrsim::free_tree(root);
+    }
+};
+
+void add_tree(cmdserver::document &doc, const vtrsim::xml_node *n, int depth) {
     if (n->children.empty()) {
-        cmdserver::append_leaf(out, n->tag, n->text, depth);
+        doc.leaf(n->tag, n->text, depth);
         return;
     }
-    cmdserver::append_open(out, n->tag, n->text, depth);
+    doc.open(n->tag, n->text, depth);
     if (depth < 200)
-        for (const vtrsim::xml_node *child : n->children) append_tree(out, child, depth + 1);
-    cmdserver::append_close(out, n->tag, depth);
+        for (const vtrsim::xml_node *child : n->children) add_tree(doc, child, depth + 1);
+    doc.close(n->tag, depth);
 }
 
-std::string answer_document(const cmdserver::call_target &t, const vtrsim::xml_node *response,
-                            int32_t result) {
-    std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<answer>\n";
-    out += "  <request>\n";
-    cmdserver::append_leaf(out, "group", t.group, 2);
-    cmdserver::append_leaf(out, "command", t.command, 2);
-    for (const std::string &a : t.args) cmdserver::append_leaf(out, "arg", a, 2);
-    out += "  </request>\n";
-    append_tree(out, response, 1);
-    cmdserver::append_leaf(out, "result", std::to_string(result), 1);
-    out += "</answer>\n";
-    return out;
+void build_answer(answer_stream &a, int32_t result) {
+    a.result = std::to_string(result);
+    cmdserver::document &d = a.doc;
+    d.markup("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<answer>\n  <request>\n");
+    d.leaf("group", a.target.group, 2);
+    d.leaf("command", a.target.command, 2);
+    for (const std::string &arg : a.target.args) d.leaf("arg", arg, 2);
+    d.markup("  </request>\n");
+    add_tree(d, a.root, 1);
+    d.leaf("result", a.result, 1);
+    d.markup("</answer>\n");
 }
 
-// One plug-in call on this connection's thread; at most --threads at once.
+ssize_t answer_read(void *cls, uint64_t /*pos*/, char *buf, size_t max) noexcept try {
+    std::size_t n = static_cast<answer_stream *>(cls)->doc.read(buf, max);
+    return n > 0 ? static_cast<ssize_t>(n) : MHD_CONTENT_READER_END_WITH_ERROR;
+} catch (...) {
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+}
+
+void answer_free(void *cls) { delete static_cast<answer_stream *>(cls); }
+
+// The largest text of any element of the tree.
+std::size_t largest_text(const vtrsim::xml_node *n) {
+    std::size_t most = n->text.size();
+    for (const vtrsim::xml_node *child : n->children) most = std::max(most, largest_text(child));
+    return most;
+}
+
+// One plug-in call on this connection's thread; at most --threads at once,
+// long ones on fewer slots.
 MHD_Result serve_call(MHD_Connection *conn, connection_state &c, cmdserver::call_target &t) {
     server_state &s = *g_state;
     if (t.group != group_name) return send_error(conn, c, MHD_HTTP_NOT_FOUND, "unknown command group \"" + t.group + "\"");
@@ -163,28 +336,46 @@ MHD_Result serve_call(MHD_Connection *conn, connection_state &c, cmdserver::call
     words.reserve(t.args.size() + 1);
     words.push_back(t.command);
     words.insert(words.end(), t.args.begin(), t.args.end());
+    // A read of the whole file, or of more than the cap, asks the plug-in
+    // for one byte over the cap: the answer then shows the file is too large
+    // without the plug-in reading all of it.
+    bool content_read = false;
+    for (const auto &[command, word] : content_reads) {
+        if (t.command != command || words.size() <= word) continue;
+        content_read = true;
+        auto count = static_cast<uint32_t>(std::atoi(words[word].c_str()));
+        if (count == 0 || count > max_read_content) words[word] = std::to_string(max_read_content + 1);
+    }
 
-    int32_t result;
-    std::string doc;
+    auto answer = std::make_unique<answer_stream>();
+    int32_t result = 0;
+    const bool is_long = is_long_command(t);
+    if (is_long) s.long_slots->acquire();
     s.slots->acquire();
     {
         std::shared_lock lock(s.calls);
-        vtrsim::xml_node *root = vtrsim::new_root("response");
-        if (root == nullptr) {
-            s.slots->release();
-            return send_error(conn, c, MHD_HTTP_INTERNAL_SERVER_ERROR, "out of memory");
-        }
-        result = host::run_plugin(s.plugin, words, root);
-        doc = answer_document(t, root, result);
-        vtrsim::free_tree(root);
+        answer->root = vtrsim::new_root("response");
+        if (answer->root != nullptr) result = host::run_plugin(s.plugin, words, answer->root);
     }
     s.slots->release();
+    if (is_long) s.long_slots->release();
+    if (answer->root == nullptr) return send_error(conn, c, MHD_HTTP_INTERNAL_SERVER_ERROR, "out of memory");
     if (std::unique_lock sweep(s.calls, std::try_to_lock); sweep.owns_lock()) {
         if (std::size_t n = vtrsim::free_orphans(); n > 0)
             std::fprintf(stderr, "vtr-cmdserver: freed %zu element(s) the plug-in never appended\n", n);
     }
     c.result = std::to_string(result);
-    return send_text(conn, c, MHD_HTTP_OK, std::move(doc), "application/xml; charset=utf-8");
+    if (content_read && largest_text(answer->root) > max_read_content)
+        return send_error(conn, c, MHD_HTTP_CONTENT_TOO_LARGE,
+                          "the content is larger than " + std::to_string(max_read_content >> 20) +
+                              " MiB: read it in pieces (offset and count)");
+    answer->target = std::move(t);
+    build_answer(*answer, result);
+    MHD_Response *r = MHD_create_response_from_callback(answer->doc.size(), 64 * 1024, answer_read, answer.get(),
+                                                        answer_free);
+    if (r == nullptr) return MHD_NO;
+    answer.release();
+    return queue(conn, c, MHD_HTTP_OK, r, xml_type);
 }
 
 // --- Server-Sent Events --------------------------------------------------
@@ -212,47 +403,73 @@ ssize_t sse_read(void *cls, uint64_t /*pos*/, char *buf, size_t max) noexcept tr
     return MHD_CONTENT_READER_END_WITH_ERROR;
 }
 
-void sse_free(void *cls) { delete static_cast<sse_client *>(cls); }
+void sse_free(void *cls) {
+    delete static_cast<sse_client *>(cls);
+    --g_state->event_clients;
+}
+
+// The sequence number a client starts at after sending Last-Event-ID: the
+// line after the one named, when the text is decimal digits only (no sign,
+// no blank, within 64 bits) naming a line already relayed; else next, the
+// line still to come.
+uint64_t resume_sequence(const char *last_id, uint64_t next) {
+    uint64_t id = 0;
+    const char *end = last_id + std::strlen(last_id);
+    auto [stop, ec] = std::from_chars(last_id, end, id);
+    return ec == std::errc() && stop == end && id < next ? id + 1 : next;
+}
 
 MHD_Result serve_events(MHD_Connection *conn, connection_state &c) {
     c.what = "/events";
     if (!g_state->events_ok)
         return send_error(conn, c, MHD_HTTP_SERVICE_UNAVAILABLE, "the progress pipe could not be opened");
+    if (++g_state->event_clients > max_event_clients) {
+        --g_state->event_clients;
+        return send_error(conn, c, MHD_HTTP_SERVICE_UNAVAILABLE,
+                          "too many event clients (" + std::to_string(max_event_clients) + ")");
+    }
     auto *client = new sse_client;
     client->seq = g_state->hub.next_sequence();
     // A reconnecting EventSource resumes after the last event it saw.
-    if (const char *last = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "Last-Event-ID")) {
-        char *end = nullptr;
-        unsigned long long id = std::strtoull(last, &end, 10);
-        if (end != last && *end == '\0' && id + 1 <= client->seq) client->seq = id + 1;
-    }
+    if (const char *last = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, "Last-Event-ID"))
+        client->seq = resume_sequence(last, client->seq);
     client->pending = "retry: 2000\n\n";
     MHD_Response *r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 4096, sse_read, client, sse_free);
     if (r == nullptr) {
-        delete client;
+        sse_free(client);
         return MHD_NO;
     }
-    MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, "text/event-stream; charset=utf-8");
-    MHD_add_response_header(r, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
-    c.http_status = MHD_HTTP_OK;
-    MHD_Result ok = MHD_queue_response(conn, MHD_HTTP_OK, r);
-    MHD_destroy_response(r);
-    return ok;
+    MHD_set_connection_option(conn, MHD_CONNECTION_OPTION_TIMEOUT, events_timeout_s);
+    return queue(conn, c, MHD_HTTP_OK, r, "text/event-stream; charset=utf-8");
 }
 
 // --- the console page ----------------------------------------------------
 
+// The page's scripts run only with the nonce of this answer: a script that
+// a file name smuggled into the page would not.
 MHD_Result serve_page(MHD_Connection *conn, connection_state &c) {
     c.what = "/";
+    std::string page(cmdserver::console_page());
     if (!g_state->web_dir.empty()) {
         std::ifstream in(g_state->web_dir + "/index.html", std::ios::binary);
         if (in) {
             std::ostringstream text;
             text << in.rdbuf();
-            return send_text(conn, c, MHD_HTTP_OK, text.str(), "text/html; charset=utf-8");
+            page = text.str();
         }
     }
-    return send_text(conn, c, MHD_HTTP_OK, std::string(cmdserver::console_page()), "text/html; charset=utf-8");
+    unsigned char random[16];
+    if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random))
+        return send_error(conn, c, MHD_HTTP_INTERNAL_SERVER_ERROR, "no random bytes for the page's nonce");
+    std::string nonce;
+    cmdserver::append_base64(nonce, std::string_view(reinterpret_cast<const char *>(random), sizeof random));
+    const std::string tag = "<script nonce=\"" + nonce + "\">";
+    for (std::size_t at = 0; (at = page.find("<script>", at)) != std::string::npos; at += tag.size())
+        page.replace(at, 8, tag);
+    const std::string policy = "default-src 'none'; script-src 'nonce-" + nonce +
+                               "'; style-src 'unsafe-inline'; img-src data:; connect-src 'self'; "
+                               "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+    return send_text(conn, c, MHD_HTTP_OK, page, "text/html; charset=utf-8", policy.c_str());
 }
 
 // --- MHD callbacks -------------------------------------------------------
@@ -260,6 +477,7 @@ MHD_Result serve_page(MHD_Connection *conn, connection_state &c) {
 void *on_uri(void * /*cls*/, const char *uri, MHD_Connection *conn) noexcept try {
     auto c = std::make_unique<connection_state>();
     c->raw_uri = uri != nullptr ? uri : "";
+    c->uri_start = uri;
     if (const MHD_ConnectionInfo *info = MHD_get_connection_info(conn, MHD_CONNECTION_INFO_CLIENT_ADDRESS)) {
         char addr[INET6_ADDRSTRLEN] = "";
         const sockaddr *sa = info->client_addr;
@@ -288,11 +506,21 @@ void on_completed(void * /*cls*/, MHD_Connection *conn, void **con_cls, MHD_Requ
     *con_cls = nullptr;
 }
 
-MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char *method,
+// libmicrohttpd hands the request target over as a C string, cut at a NUL
+// byte the client sent inside it. In the request line the target runs up to
+// the blank before the HTTP version, whose text the library also hands over
+// in place: a target shorter than that span held a NUL.
+bool target_holds_nul(const connection_state &c, const char *version) {
+    if (c.uri_start == nullptr || version == nullptr || *version == '\0') return false;
+    auto start = reinterpret_cast<std::uintptr_t>(c.uri_start), end = reinterpret_cast<std::uintptr_t>(version);
+    return end > start && end - start - 1 > c.raw_uri.size() && end - start < (1u << 20);
+}
+
+MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char *method, const char *version,
                           const char *upload_data, size_t *upload_data_size) {
     c->method = method;
-    const bool is_get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 ||
-                        std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
+    const bool is_get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
+    const bool is_head = std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
     const bool is_post = std::strcmp(method, MHD_HTTP_METHOD_POST) == 0;
     if (is_post && !c->body_started) {  // the first call has the headers only
         c->body_started = true;
@@ -308,7 +536,10 @@ MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char 
     cmdserver::call_target target;
     cmdserver::target_kind kind;
     std::string error;
+    MHD_Result refused;
     c->what = c->raw_uri.substr(0, c->raw_uri.find('?'));
+    if (refused_host(conn, *c, refused)) return refused;
+    if (target_holds_nul(*c, version)) return send_error(conn, *c, MHD_HTTP_BAD_REQUEST, "NUL byte in the request target");
     if (int status = cmdserver::parse_target(c->raw_uri, target, kind, error); status != 0)
         return send_error(conn, *c, static_cast<unsigned>(status), error);
 
@@ -318,11 +549,26 @@ MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char 
             return send_error(conn, *c, MHD_HTTP_BAD_REQUEST, "missing sub-command: /file_operation/<sub-command>?<parameters>");
         if (!page && target.group != "events")
             return send_error(conn, *c, MHD_HTTP_NOT_FOUND, "unknown command group \"" + target.group + "\"");
-        if (!is_get) return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET");
-        return page ? serve_page(conn, *c) : serve_events(conn, *c);
+        if (page) {
+            if (!is_get && !is_head) return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET", "GET, HEAD");
+            return serve_page(conn, *c);
+        }
+        if (!is_get) return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET", "GET");
+        if (refused_origin(conn, *c, refused)) return refused;
+        return serve_events(conn, *c);
     }
     if (!is_get && !is_post)
-        return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET, or POST with a form-encoded body");
+        return send_error(conn, *c, MHD_HTTP_METHOD_NOT_ALLOWED, "use GET, or POST with a form-encoded body",
+                          "GET, POST");
+    if (refused_origin(conn, *c, refused)) return refused;
+    // A page of another site can make a browser send a plain GET or a form
+    // POST, never a request with a header of its own choosing.
+    if (target.group == group_name && !target.command.empty() && !listed(read_commands, target.command) &&
+        MHD_lookup_connection_value(conn, MHD_HEADER_KIND, request_header) == nullptr) {
+        c->what = target.command;
+        return send_error(conn, *c, MHD_HTTP_FORBIDDEN,
+                          "\"" + target.command + "\" changes files: send the header " + request_header + ": 1");
+    }
     if (is_post) {
         if (c->body_too_large) return send_error(conn, *c, MHD_HTTP_CONTENT_TOO_LARGE, "the body is larger than 1 MiB");
         if (!cmdserver::parse_parameters(c->body, target.args, error))
@@ -334,12 +580,12 @@ MHD_Result handle_request(MHD_Connection *conn, connection_state *c, const char 
 // Nothing may escape into the C library: running out of memory closes the
 // connection.
 MHD_Result on_request(void * /*cls*/, MHD_Connection *conn, const char * /*url*/, const char *method,
-                      const char * /*version*/, const char *upload_data, size_t *upload_data_size,
+                      const char *version, const char *upload_data, size_t *upload_data_size,
                       void **con_cls) {
     auto *c = static_cast<connection_state *>(*con_cls);
     if (c == nullptr) return MHD_NO;
     try {
-        return handle_request(conn, c, method, upload_data, upload_data_size);
+        return handle_request(conn, c, method, version, upload_data, upload_data_size);
     } catch (...) {
         return MHD_NO;
     }
@@ -351,6 +597,7 @@ void usage(FILE *to) {
     std::fprintf(to,
                  "usage: vtr-cmdserver [--port N] [--bind ADDRESS] [--plugin LIB] [--config FILE]\n"
                  "                     [--drives DIR] [--threads N] [--web DIR] [--pipe PATH]\n"
+                 "                     [--allow-host NAME]...\n"
                  "  --port N        TCP port (default 8080; 0 picks a free one)\n"
                  "  --bind ADDRESS  IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
                  "  --plugin LIB    the file_operation plug-in (default: next to this program)\n"
@@ -358,7 +605,8 @@ void usage(FILE *to) {
                  "  --drives DIR    serve DIR as the drives root, in a private mount namespace\n"
                  "  --threads N     plug-in calls that may run at once (default 8)\n"
                  "  --web DIR       serve the console from DIR/index.html instead of the built-in copy\n"
-                 "  --pipe PATH     progress pipe to read (default /tmp/vtr_framework_pipe)\n");
+                 "  --pipe PATH     progress pipe to read (default /tmp/vtr_framework_pipe)\n"
+                 "  --allow-host NAME  accept this name in the Host header too (repeatable)\n");
 }
 
 bool parse_int(const char *text, int lo, int hi, int &out) {
@@ -398,6 +646,8 @@ int parse_options(int argc, char **argv, server_options &o) {
             o.web_dir = v;
         } else if (a == "--pipe" && value(v)) {
             o.pipe = v;
+        } else if (a == "--allow-host" && value(v)) {
+            o.allowed_hosts.emplace_back(v);
         } else {
             std::fprintf(stderr, "vtr-cmdserver: unknown or incomplete option %s\n", argv[i]);
             usage(stderr);
@@ -456,6 +706,10 @@ int main(int argc, char **argv) {
     g_state = &state;
     state.web_dir = web_dir;
     state.slots = std::make_unique<std::counting_semaphore<1024>>(opt.threads);
+    // A quarter of the slots (at least one) stays free of long commands.
+    state.long_slots = std::make_unique<std::counting_semaphore<1024>>(std::max(1, opt.threads - std::max(1, opt.threads / 4)));
+    state.allowed_hosts = opt.allowed_hosts;
+    state.bind = opt.bind;
     std::string error;
     if (!host::load_plugin(plugin.c_str(), state.plugin, error)) {
         std::fprintf(stderr, "vtr-cmdserver: cannot load %s: %s\n", plugin.c_str(), error.c_str());
@@ -471,9 +725,11 @@ int main(int argc, char **argv) {
     auto *v6 = reinterpret_cast<sockaddr_in6 *>(&addr);
     if (::inet_pton(AF_INET, opt.bind.c_str(), &v4->sin_addr) == 1) {
         v4->sin_family = AF_INET;
+        state.bind_any = v4->sin_addr.s_addr == htonl(INADDR_ANY);
         v4->sin_port = htons(static_cast<uint16_t>(opt.port));
     } else if (::inet_pton(AF_INET6, opt.bind.c_str(), &v6->sin6_addr) == 1) {
         v6->sin6_family = AF_INET6;
+        state.bind_any = IN6_IS_ADDR_UNSPECIFIED(&v6->sin6_addr);
         v6->sin6_port = htons(static_cast<uint16_t>(opt.port));
         flags |= MHD_USE_IPv6;
     } else {
@@ -493,8 +749,9 @@ int main(int argc, char **argv) {
         MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr *>(&addr),
         MHD_OPTION_URI_LOG_CALLBACK, &on_uri, nullptr,
         MHD_OPTION_NOTIFY_COMPLETED, &on_completed, nullptr,
-        MHD_OPTION_CONNECTION_TIMEOUT, 60u,
-        MHD_OPTION_CONNECTION_LIMIT, 512u,
+        MHD_OPTION_CONNECTION_TIMEOUT, idle_timeout_s,
+        MHD_OPTION_CONNECTION_LIMIT, max_connections,
+        MHD_OPTION_PER_IP_CONNECTION_LIMIT, max_per_address,
         MHD_OPTION_LISTEN_BACKLOG_SIZE, 128u,
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<size_t>(256 * 1024),
         MHD_OPTION_END);

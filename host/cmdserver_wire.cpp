@@ -1,5 +1,6 @@
 #include "host/cmdserver_wire.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace cmdserver {
@@ -34,6 +35,23 @@ void append_end_tag(std::string &out, std::string_view tag) {
     out += "</";
     out += is_xml_name(tag) ? tag : std::string_view("element");
     out += '>';
+}
+
+// Length of text once escaped by append_escaped.
+uint64_t escaped_size(std::string_view text) noexcept {
+    uint64_t n = text.size();
+    for (char c : text) {
+        switch (c) {
+        case '&': n += 4; break;
+        case '<':
+        case '>': n += 3; break;
+        case '"':
+        case '\'': n += 5; break;
+        case '\r': n += 4; break;
+        default: break;
+        }
+    }
+    return n;
 }
 
 void append_content(std::string &out, std::string_view content) {
@@ -224,6 +242,89 @@ void append_close(std::string &out, std::string_view tag, int depth) {
     indent(out, depth);
     append_end_tag(out, tag);
     out += '\n';
+}
+
+void document::markup(std::string_view text) {
+    if (pieces_.empty() || !pieces_.back().content.empty()) pieces_.emplace_back();
+    pieces_.back().markup += text;
+    size_ += text.size();
+}
+
+void document::content(std::string_view text) {
+    if (text.empty()) return;
+    if (pieces_.empty() || !pieces_.back().content.empty()) pieces_.emplace_back();
+    piece &p = pieces_.back();
+    p.content = text;
+    p.base64 = !is_xml_text(text);
+    size_ += p.base64 ? (text.size() + 2) / 3 * 4 : escaped_size(text);
+}
+
+void document::leaf(std::string_view tag, std::string_view text, int depth) {
+    std::string m;
+    indent(m, depth);
+    append_start_tag(m, tag, !is_xml_text(text));
+    markup(m);
+    content(text);
+    m.clear();
+    append_end_tag(m, tag);
+    m += '\n';
+    markup(m);
+}
+
+void document::open(std::string_view tag, std::string_view text, int depth) {
+    std::string m;
+    indent(m, depth);
+    append_start_tag(m, tag, !is_xml_text(text));
+    markup(m);
+    content(text);
+    markup("\n");
+}
+
+void document::close(std::string_view tag, int depth) {
+    std::string m;
+    append_close(m, tag, depth);
+    markup(m);
+}
+
+// Puts the next slice of the document into staged_; false at the end.
+bool document::stage() {
+    // Slices of 48 KiB encode to at most 64 KiB of base64 or 288 KiB of
+    // escaped text (every byte a quote).
+    constexpr std::size_t slice = 49152;
+    staged_.clear();
+    staged_sent_ = 0;
+    while (next_ < pieces_.size()) {
+        piece &p = pieces_[next_];
+        if (!markup_staged_) {
+            markup_staged_ = true;
+            staged_.swap(p.markup);
+            std::string().swap(p.markup);
+            if (!staged_.empty()) return true;
+        }
+        if (content_staged_ < p.content.size()) {
+            std::string_view part = p.content.substr(content_staged_, slice);
+            content_staged_ += part.size();
+            if (p.base64) append_base64(staged_, part);
+            else append_escaped(staged_, part);
+            return true;
+        }
+        ++next_;
+        markup_staged_ = false;
+        content_staged_ = 0;
+    }
+    return false;
+}
+
+std::size_t document::read(char *buf, std::size_t max) {
+    std::size_t n = 0;
+    while (n < max) {
+        if (staged_sent_ == staged_.size() && !stage()) break;
+        std::size_t k = std::min(max - n, staged_.size() - staged_sent_);
+        staged_.copy(buf + n, k, staged_sent_);
+        staged_sent_ += k;
+        n += k;
+    }
+    return n;
 }
 
 std::string error_document(int http_status, std::string_view message) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -51,6 +52,40 @@ void append_leaf(std::string &out, std::string_view tag, std::string_view conten
 // Opening and closing tags of an element with children.
 void append_open(std::string &out, std::string_view tag, std::string_view content, int depth);
 void append_close(std::string &out, std::string_view tag, int depth);
+
+// An answer document kept as markup and references to element contents:
+// a content is encoded (escaped or base64) only while the document is sent,
+// a slice at a time, so a large file read is never held a second time. The
+// referenced contents must outlive the document.
+class document {
+public:
+    void markup(std::string_view text);
+    // As append_leaf, append_open and append_close.
+    void leaf(std::string_view tag, std::string_view content, int depth);
+    void open(std::string_view tag, std::string_view content, int depth);
+    void close(std::string_view tag, int depth);
+
+    uint64_t size() const noexcept { return size_; }
+    // Copies the next bytes of the document into buf; 0 once all were read.
+    std::size_t read(char *buf, std::size_t max);
+
+private:
+    struct piece {
+        std::string markup;        // sent first
+        std::string_view content;  // then this, encoded
+        bool base64 = false;
+    };
+    void content(std::string_view text);
+    bool stage();
+
+    std::vector<piece> pieces_;
+    uint64_t size_ = 0;
+    std::size_t next_ = 0;          // piece being sent
+    bool markup_staged_ = false;
+    std::size_t content_staged_ = 0;  // bytes of its content encoded so far
+    std::string staged_;
+    std::size_t staged_sent_ = 0;
+};
 
 // The whole document for a failed request: <error><status>..</status><message>..</message></error>.
 std::string error_document(int http_status, std::string_view message);

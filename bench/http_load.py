@@ -1,30 +1,30 @@
-"""Load on loopback: 8 clients send a mix of listings, searches and file
-info requests for CMDSERVER_LOAD_SECONDS (default 30) seconds. Every answer
+#!/usr/bin/python3
+"""vtr-cmdserver under load on loopback: CLIENTS clients send a mix of
+listings, searches and file info requests for SECONDS seconds. Every answer
 must equal the answer to the same request sent alone, with no HTTP error.
-The latencies are printed (and written to $CMDSERVER_LOAD_REPORT when set)
-for docs/performance.md."""
+The figures are printed as JSON (and written to --report) for
+docs/performance.md. Run inside the test sandbox, after a PC build:
+
+    tests/sandbox.sh /usr/bin/python3 bench/http_load.py --seconds 30 [--clients 8] [--report FILE]
+
+VTR_BUILD_DIR names the build tree (default build/)."""
+import argparse
 import collections
 import http.client
 import json
-import os
 import re
 import statistics
 import struct
+import sys
+import tempfile
 import threading
 import time
+from pathlib import Path
 
-import pytest
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
+from conftest import DRIVES  # noqa: E402
+from cmdserver_client import Server, target  # noqa: E402
 
-from conftest import DRIVES
-from cmdserver_client import CMDSERVER, Server, target
-
-pytestmark = [
-    pytest.mark.native_only,
-    pytest.mark.skipif(not CMDSERVER.exists(), reason="vtr-cmdserver not built (libmicrohttpd missing?)"),
-]
-
-CLIENTS = 8
-SECONDS = float(os.environ.get("CMDSERVER_LOAD_SECONDS", "30"))
 
 
 def png(width, height):
@@ -72,9 +72,15 @@ def fetch(conn, path):
     return r.status, r.read()
 
 
-def test_eight_clients_get_the_answers_of_one(drives, config, tmp_path):
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap.add_argument("--seconds", type=float, default=30)
+    ap.add_argument("--clients", type=int, default=8)
+    ap.add_argument("--report", help="JSON file for the figures")
+    opt = ap.parse_args()
+    CLIENTS, SECONDS = opt.clients, opt.seconds
     make_tree()
-    srv = Server(tmp_path / "load.log", args=("--threads", str(CLIENTS)))
+    srv = Server(Path(tempfile.mkdtemp()) / "load.log", args=("--threads", str(CLIENTS)))
     try:
         mix = request_mix()
         conn = srv.connection()
@@ -131,8 +137,12 @@ def test_eight_clients_get_the_answers_of_one(drives, config, tmp_path):
                                                 for b in expected)),
         }
         print(json.dumps(report))
-        if os.environ.get("CMDSERVER_LOAD_REPORT"):
-            with open(os.environ["CMDSERVER_LOAD_REPORT"], "w") as f:
+        if opt.report:
+            with open(opt.report, "w") as f:
                 json.dump(report, f)
     finally:
         srv.stop()
+
+
+if __name__ == "__main__":
+    main()
