@@ -1,21 +1,11 @@
 // Storage creation and the password check on a real drive folder; these
 // cases need the fixed drives root, so they run inside tests/sandbox.sh.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
-#include <cstdlib>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "appstore/app_storage.h"
 #include "appstore/scramble.h"
-#include "search_fixtures.h"
+#include "test_util.h"
 
 namespace {
 
@@ -29,7 +19,7 @@ struct answer {
 };
 
 answer run(std::vector<std::string> words) {
-    search_fixtures::answer a = search_fixtures::run(std::move(words));
+    tu::answer a = tu::run(std::move(words));
     return {a.result, a.text("id")};
 }
 

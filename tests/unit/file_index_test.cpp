@@ -1,23 +1,16 @@
 // The file index: every row of the folder-counting table, the sort orders,
 // the drive-label order at the drives root, exact names, the split of the
 // client's path, and the count over a network client answer file.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
 #include <sys/time.h>
 
-#include <cstdio>
-#include <string>
-#include <vector>
-
 #include "listing/file_index.h"
-#include "search_fixtures.h"
+#include "test_util.h"
 
 namespace {
 
-using search_fixtures::answer;
-using search_fixtures::drive_tree;
-using search_fixtures::run;
+using tu::answer;
+using tu::drive_tree;
+using tu::run;
 
 answer index_of(const std::string &entry, const std::string &filter, const std::string &sort,
                 const std::string &folders, const std::string &files) {
@@ -32,20 +25,12 @@ protected:
     void SetUp() override {
         REQUIRE_SANDBOX();
         tree = std::make_unique<drive_tree>("INDEX_DRIVE");
-        tree->dir("f");
-        tree->dir("f/a_plain");
-        tree->dir("f/b_bd");
-        tree->dir("f/b_bd/BDMV");
-        tree->file("f/b_bd/BDMV/index.bdmv");
-        tree->file("f/b_bd/BDMV/MovieObject.bdmv");
+        for (const char *d : {"f/a_plain", "f/.hidden", "f/$RECYCLE.BIN", "f/lost+found"}) tree->dir(d);
+        for (const char *f : {"f/b_bd/BDMV/index.bdmv", "f/b_bd/BDMV/MovieObject.bdmv", "f/f.unknownext", "f/.dot.avi"})
+            tree->file(f);
         tree->file("f/c.avi", "333");
         tree->file("f/d.mp3", "1");
         tree->file("f/e.jpg", "22");
-        tree->file("f/f.unknownext");
-        tree->dir("f/.hidden");
-        tree->dir("f/$RECYCLE.BIN");
-        tree->dir("f/lost+found");
-        tree->file("f/.dot.avi");
     }
     std::string entry(const std::string &name) const { return tree->at("f/" + name); }
     std::unique_ptr<drive_tree> tree;

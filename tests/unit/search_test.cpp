@@ -1,27 +1,18 @@
 // The search command: the deep search's classification over a tree with
 // hidden and system folders and disc structures, paging with counters that
 // run to the end of the tree, the stale-handle result through the walker's
-// seam, parallel searches, and the flat search through the share list.
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-
+// seam, and the flat search through the share list.
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "listing/search.h"
-#include "search_fixtures.h"
+#include "test_util.h"
 
 namespace {
 
-using search_fixtures::answer;
-using search_fixtures::drive_tree;
-using search_fixtures::run;
+using tu::answer;
+using tu::drive_tree;
+using tu::run;
 
 std::vector<std::string> sorted(std::vector<std::string> v) {
     std::sort(v.begin(), v.end());
@@ -54,29 +45,15 @@ protected:
     void SetUp() override {
         REQUIRE_SANDBOX();
         tree = std::make_unique<drive_tree>("SEARCH_DRIVE");
-        tree->dir("movies");
-        tree->dir("movies/Movie Night");
+        for (const char *d : {"movies/$RECYCLE.BIN", "movies/movie_recycled", "movies/lost+found_movie"})
+            tree->dir(d);
+        for (const char *f : {"movies/Movie Night/notes.txt", "movies/.hidden_movies/movie_h.avi",
+                              "movies/$RECYCLE.BIN/movie_r.avi", "movies/recycled/movie_x.avi",
+                              "movies/BD_movie/BDMV/index.bdmv", "movies/BD_movie/BDMV/MovieObject.bdmv",
+                              "movies/BD_movie/movie_extra.m2ts", "movies/DVD/VIDEO_TS/VIDEO_TS.IFO",
+                              "movies/DVD/movie_in_dvd.mkv", "movies/movie.unknownext", "movies/MOVIE_song.mp3"})
+            tree->file(f);
         tree->file("movies/Movie Night/movie_a.avi", "12345");
-        tree->file("movies/Movie Night/notes.txt");
-        tree->dir("movies/.hidden_movies");
-        tree->file("movies/.hidden_movies/movie_h.avi");
-        tree->dir("movies/$RECYCLE.BIN");
-        tree->file("movies/$RECYCLE.BIN/movie_r.avi");
-        tree->dir("movies/movie_recycled");
-        tree->dir("movies/recycled");
-        tree->file("movies/recycled/movie_x.avi");
-        tree->dir("movies/lost+found_movie");
-        tree->dir("movies/BD_movie");
-        tree->dir("movies/BD_movie/BDMV");
-        tree->file("movies/BD_movie/BDMV/index.bdmv");
-        tree->file("movies/BD_movie/BDMV/MovieObject.bdmv");
-        tree->file("movies/BD_movie/movie_extra.m2ts");
-        tree->dir("movies/DVD");
-        tree->dir("movies/DVD/VIDEO_TS");
-        tree->file("movies/DVD/VIDEO_TS/VIDEO_TS.IFO");
-        tree->file("movies/DVD/movie_in_dvd.mkv");
-        tree->file("movies/movie.unknownext");
-        tree->file("movies/MOVIE_song.mp3");
     }
     std::unique_ptr<drive_tree> tree;
 };
@@ -217,33 +194,6 @@ TEST_F(DeepSearch, StaleHandleGives19) {
         EXPECT_EQ(vtrsim::child_tags(root), std::vector<std::string>{"fileList"});
         vtrsim::free_tree(root);
     }
-}
-
-TEST(SearchContext, NullContextStopsTheWalk) {
-    listing::walk_entry e{};
-    e.path = "/x";
-    EXPECT_EQ(listing::search_visit(e, nullptr), listing::walk_stop);
-}
-
-TEST_F(DeepSearch, ParallelSearchesGiveTheirOwnAnswers) {
-    tree->dir("pages");
-    for (int i = 1; i <= 40; ++i) tree->file("pages/clip" + std::to_string(i) + ".avi");
-    auto first = [] { return search("SEARCH_DRIVE/movies", "1", "3", "true", "true", "", "movie", "true"); };
-    auto second = [] { return search("SEARCH_DRIVE/pages", "5", "20", "false", "true", "video", "clip", "true"); };
-    const std::string alone_first = first().xml();
-    const std::string alone_second = second().xml();
-    ASSERT_NE(alone_first, alone_second);
-    std::vector<std::string> got_first, got_second;
-    std::thread a([&] {
-        for (int i = 0; i < 40; ++i) got_first.push_back(first().xml());
-    });
-    std::thread b([&] {
-        for (int i = 0; i < 40; ++i) got_second.push_back(second().xml());
-    });
-    a.join();
-    b.join();
-    for (const std::string &s : got_first) EXPECT_EQ(s, alone_first);
-    for (const std::string &s : got_second) EXPECT_EQ(s, alone_second);
 }
 
 TEST_F(DeepSearch, FlatSearchIsByNameWhateverTheSort) {

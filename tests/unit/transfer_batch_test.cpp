@@ -14,11 +14,11 @@
 
 #include "transfer/batch.h"
 #include "transfer/engine.h"
-#include "transfer_test_support.h"
+#include "test_util.h"
 
 namespace {
 
-using namespace test_support;
+using namespace tu;
 
 TEST(BatchPieces, WriteFailingInTheOverlappedCopy) {
     const std::string work = "/tmp/batch_test", tiny = work + "/tiny";

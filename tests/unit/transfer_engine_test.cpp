@@ -13,11 +13,11 @@
 
 #include "transfer/batch.h"
 #include "transfer/engine.h"
-#include "transfer_test_support.h"
+#include "test_util.h"
 
 namespace {
 
-using namespace test_support;
+using namespace tu;
 
 constexpr long long MiB = 1048576;
 constexpr long long GiB = 1073741824;

@@ -9,11 +9,11 @@
 #include <string>
 
 #include "transfer/progress.h"
-#include "transfer_test_support.h"
+#include "test_util.h"
 
 namespace {
 
-using namespace test_support;
+using namespace tu;
 
 TEST(TimeLeft, ThirtyTwoBitMicrosecondsAndCeiling) {
     struct row { long start_s, start_us, now_s, now_us; long long done, total; int32_t expected; };

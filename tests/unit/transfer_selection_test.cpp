@@ -11,11 +11,11 @@
 #include <vector>
 
 #include "transfer/selection.h"
-#include "transfer_test_support.h"
+#include "test_util.h"
 
 namespace {
 
-using namespace test_support;
+using namespace tu;
 
 const std::string drive = "/opt/vtrhttpd/localhost.drives/USB1";
 const std::string fslist = "/tmp/fslist";
