@@ -20,10 +20,7 @@ constexpr const char *file = transfer::selection_file;
 constexpr std::array<const char *, 4> paths{"/opt/vtrhttpd/localhost.drives/A/b.txt", "b.txt", "", "|"};
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::require_sandbox();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int *, char ***) { return fuzz::require_sandbox(), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 65536) return -1;

@@ -17,10 +17,7 @@ constexpr const char *cache = "/tmp/fuzz_usr_file_list";
 constexpr std::array<const char *, 8> filters{"", "video", "music", "photo", "torrent", "others", "bogus", nullptr};
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::require_sandbox();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int *, char ***) { return fuzz::require_sandbox(), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 65536) return -1;

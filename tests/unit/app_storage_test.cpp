@@ -79,43 +79,6 @@ TEST_F(AppStorage, ConcurrentCreationsGetStoragesOfTheirOwn) {
     EXPECT_EQ(mode & fs::perms::others_all, fs::perms::none);
 }
 
-TEST_F(AppStorage, VerifyAccessResults) {
-    answer made = run({"create_app_storage", "UT_APPSTORE", "Secret 1"});
-    ASSERT_EQ(made.result, 0);
-    std::string other_id = std::to_string((std::stoll(made.id) + 1) % 2147483647);
-    std::string identity_file =
-        (drive_root / ".vtr_apps" / (".vtr_app_" + made.id) / (".id_" + made.id)).string();
-    struct row { const char *drive; const char *id; const char *password; int32_t expected; };
-    const row rows[] = {
-        {"UT_APPSTORE", made.id.c_str(), "Secret 1", 0},
-        {"/UT_APPSTORE", made.id.c_str(), "Secret 1", 0},
-        {drive_root.c_str(), made.id.c_str(), "Secret 1", 0},
-        {"UT_APPSTORE", made.id.c_str(), "secret 1", 1},   // case matters
-        {"UT_APPSTORE", made.id.c_str(), "Secret 1 ", 1},  // so does length
-        {"UT_APPSTORE", made.id.c_str(), "", 1},
-        {"UT_APPSTORE", other_id.c_str(), "Secret 1", 401},
-        {"UT_APPSTORE", "x", "Secret 1", 401},
-        {"OTHER_DRIVE", made.id.c_str(), "Secret 1", 401},
-        {"smb://unknown/share", made.id.c_str(), "Secret 1", 1},
-        {nullptr, made.id.c_str(), "Secret 1", 1},
-        {"UT_APPSTORE", nullptr, "Secret 1", 1},
-        {"UT_APPSTORE", made.id.c_str(), nullptr, 1},
-    };
-    for (const row &r : rows) {
-        plugin::path_buffer identity;
-        EXPECT_EQ(appstore::verify_app_access(r.drive, r.id, r.password, identity), r.expected)
-            << (r.drive ? r.drive : "null") << " " << (r.id ? r.id : "null") << " " << (r.password ? r.password : "null");
-        if (r.expected == 0) {
-            EXPECT_EQ(std::string(identity), identity_file);
-        }
-    }
-    // An emptied identity file opens with no password, not even the empty one.
-    std::ofstream(identity_file, std::ios::trunc).close();
-    plugin::path_buffer identity;
-    EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", made.id.c_str(), "", identity), 1);
-    EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", made.id.c_str(), "Secret 1", identity), 1);
-}
-
 TEST_F(AppStorage, PathsBeyondTheBuffersAnswer1) {
     // A drive folder whose path nearly fills a path buffer: the storage
     // folder's name no longer fits.

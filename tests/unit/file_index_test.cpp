@@ -1,6 +1,6 @@
 // The file index: every row of the folder-counting table, the sort orders,
-// the drive-label order at the drives root, exact names, the split of the
-// client's path, and the count over a network client answer file.
+// the drive-label order at the drives root, exact names and the split of
+// the client's path. (The count over a network answer is end-to-end.)
 #include <sys/time.h>
 
 #include "listing/file_index.h"
@@ -158,57 +158,6 @@ TEST(FileIndexRoot, DriveLabelOrder) {
         EXPECT_EQ(x.text("total"), "3");
     }
     std::remove("/tmp/usb_name.txt");
-}
-
-TEST(FileIndexNetwork, AnswerFileCount) {
-    char path[] = "/tmp/index_answer_XXXXXX";
-    int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    std::string long_name(300, 'n');
-    std::string text =
-        "4|2|Mon Jan  1 00:00:00 2024|10\nurl=smb://nas/share/dir\n"
-        "folderA|0|Mon Jan  1 00:00:00 2024|1\nurl=smb://nas/share/dir/folderA\n"
-        "clip.avi|10|Mon Jan  1 00:00:00 2024|4\nurl=smb://nas/share/dir/clip.avi\n"
-        "song.mp3|10|Mon Jan  1 00:00:00 2024|2\nsmb://nas/share/dir/song.mp3\n"
-        "weird|0|x|6\nurl=smb://nas/share/dir/weird.avi\n"
-        "unknown.avi|1|x|0\nurl=smb://nas/share/dir/unknown.avi\n"
-        "other.mp3|1|x|9\nurl=smb://nas/share/dir/other.mp3\n"
-        "disc|0|x|12\nurl=smb://nas/share/dir/disc\n"
-        "\nurl=smb://nas/share/dir/empty-field-line.avi\n"
-        "extra.avi|1|x|4|f5|f6|f7\nurl=smb://nas/share/dir/extra.avi\n" +
-        long_name + "|1|x|4\nurl=smb://nas/share/dir/long.avi\n";
-    ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    ::close(fd);
-    struct row {
-        bool folders, files;
-        const char *filter;
-        const char *name;
-        int32_t index, total;
-    };
-    const row rows[] = {
-        {true, true, "", "clip.avi", 2, 6},
-        {true, true, "", "disc", 4, 6},
-        {true, true, "", "weird", 0, 6},
-        {true, true, "", "extra.avi", 5, 6},
-        {true, true, "video", "disc", 3, 5},       // kind "12" begins with "1": no MIME test
-        {true, true, "music", "song.mp3", 2, 3},   // folderA, song.mp3, disc
-        {true, false, "", "folderA", 1, 1},
-        {false, true, "", "disc", 3, 5},
-        {false, false, "", "disc", 4, 6},
-    };
-    for (const row &r : rows) {
-        listing::index_count count;
-        listing::count_network_answer(path, r.name, r.filter, r.folders, r.files, count);
-        EXPECT_EQ(count.index, r.index) << r.name << " " << r.filter << r.folders << r.files;
-        EXPECT_EQ(count.total, r.total) << r.name << " " << r.filter << r.folders << r.files;
-    }
-    listing::index_count count;
-    listing::count_network_answer(path, long_name.c_str(), "", true, true, count);
-    EXPECT_EQ(count.index, 0) << "names are kept to 255 characters";
-    std::remove(path);
-    count.total = 99;
-    listing::count_network_answer(path, "x", "", true, true, count);
-    EXPECT_EQ(count.total, 0);
 }
 
 }  // namespace

@@ -80,17 +80,6 @@ TEST(MimeTable, SortedCaseInsensitivelyAndStable) {
     EXPECT_STREQ(mpe[1].type, "video/mpe");
 }
 
-TEST(MimeTable, SortRestoresAReorderedTable) {
-    MimeEntry saved[mime_table_size];
-    std::memcpy(saved, file_mime_table, sizeof saved);
-    // Another module may reorder the exported table; rows with equal
-    // extensions keep their relative order, as a stable sort needs.
-    std::rotate(file_mime_table, file_mime_table + 30, file_mime_table + mime_table_size);
-    storage::sort_mime_table();
-    EXPECT_STREQ(storage::mime_type_for_path("a.mpe"), "video/mpeg");
-    EXPECT_EQ(std::memcmp(saved, file_mime_table, sizeof saved), 0);
-}
-
 TEST(MimeLookup, TrickyKeys) {
     struct row { const char *path; const char *type; };
     const row rows[] = {

@@ -1,15 +1,5 @@
 // The selection file: request sequences and the file they leave, the suffix
 // rule of the search, the record reader and the done flag.
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "transfer/selection.h"
 #include "test_util.h"
 
@@ -93,13 +83,6 @@ TEST_F(SelectionFile, RequestSequencesLeaveTheExpectedFile) {
     }
 }
 
-TEST_F(SelectionFile, NetworkAddressesAreStoredTranslatedWithSingleSlashes) {
-    EXPECT_EQ(select("smb://host/share//dir///f.avi", "select"), 0);
-    EXPECT_EQ(read_file(fslist), "1|Movies|/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/Movies/dir/f.avi\n");
-    EXPECT_EQ(select("smb://host/share//dir///f.avi", "deselect"), 0);
-    EXPECT_FALSE(exists(fslist));
-}
-
 TEST_F(SelectionFile, DeselectAllReportsAFailedRemoval) {
     ASSERT_EQ(::mkdir(fslist.c_str(), 0700), 0);
     write_file(fslist + "/x", "x");
@@ -165,16 +148,6 @@ TEST_F(SelectionFile, ReaderTakesSelectedRecordsOnly) {
     EXPECT_STREQ(label, "");
     EXPECT_EQ(get_filename(f.fd, path, sizeof path, label), 0);
     EXPECT_EQ(get_filename(-1, path, sizeof path, label), 0);
-}
-
-TEST_F(SelectionFile, ReaderBoundsThePath) {
-    open_file f("1|L|/0123456789\n");
-    char path[8 + 4];
-    std::memset(path, '#', sizeof path);
-    char label[4096];
-    ASSERT_EQ(get_filename(f.fd, path, 8, label), 1);
-    EXPECT_STREQ(path, "/012345");
-    EXPECT_EQ(path[8], '#');  // nothing beyond the given size
 }
 
 TEST_F(SelectionFile, DoneRecordsAreFlaggedInPlace) {
