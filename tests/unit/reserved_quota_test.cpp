@@ -1,16 +1,7 @@
 // The reserved area's 20 MiB quota in the free-space check, on the real
-// drives root: runs only inside tests/sandbox.sh.
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <string>
-
+// drives root (inside tests/sandbox.sh only): exact up to the quota left.
 #include "storage/paths.h"
+#include "test_util.h"
 
 namespace {
 
@@ -25,28 +16,10 @@ long long du_bytes() {
     return kib * 1024;
 }
 
-void fill(const std::string &path, std::size_t bytes) {
-    std::ofstream out(path, std::ios::binary);
-    std::string block(1 << 16, 'r');
-    for (std::size_t done = 0; done < bytes; done += block.size())
-        out.write(block.data(), static_cast<std::streamsize>(std::min(block.size(), bytes - done)));
-}
-
-class ReservedQuota : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (std::getenv("VTR_SANDBOX") == nullptr) GTEST_SKIP() << "needs tests/sandbox.sh";
-        (void)std::system("rm -rf /opt/vtrhttpd/localhost.drives/.reserved /opt/vtrhttpd/localhost.drives/.reservedX");
-        ASSERT_EQ(::mkdir(reserved.c_str(), 0755), 0);
-        ASSERT_EQ(::mkdir(sibling.c_str(), 0755), 0);
-    }
-    void TearDown() override {
-        (void)std::system("rm -rf /opt/vtrhttpd/localhost.drives/.reserved /opt/vtrhttpd/localhost.drives/.reservedX");
-    }
-};
-
-TEST_F(ReservedQuota, FitsExactlyUpToTheQuotaLeft) {
-    fill(reserved + "/part", 19u << 20);
+TEST(ReservedQuota, FitsExactlyUpToTheQuotaLeft) {
+    REQUIRE_SANDBOX();
+    tu::drive_tree area(reserved), other(sibling);
+    area.file("part", std::string(19u << 20, 'r'));
     long long left = storage::reserved_quota - du_bytes();
     ASSERT_GT(left, 0);
     ASSERT_LT(left, 2 << 20);
@@ -59,14 +32,9 @@ TEST_F(ReservedQuota, FitsExactlyUpToTheQuotaLeft) {
     // Elsewhere on the same file system the partition's free space counts.
     EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1),
                                         "/opt/vtrhttpd/localhost.drives"), 0);
-}
-
-TEST_F(ReservedQuota, FullAreaRefusesEvenOneByte) {
-    fill(reserved + "/all", 20u << 20);
-    ASSERT_GE(du_bytes(), storage::reserved_quota);
+    area.file("all", std::string(2u << 20, 'r'));  // a full area refuses even one byte
     EXPECT_EQ(storage::check_free_space(1, (reserved + "/x").c_str()), 1);
     EXPECT_EQ(storage::check_free_space(0, (reserved + "/x").c_str()), 0);
-    EXPECT_EQ(storage::check_free_space(1, (sibling + "/x").c_str()), 1);
     EXPECT_EQ(storage::check_free_space(1, nullptr), 1);
 }
 

@@ -7,17 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -137,58 +134,29 @@ struct drive_tree {
     void file(const std::string &rel, const std::string &text = "x") const { write_file(at(rel), text); }
 };
 
-// Reads event lines from the framework pipe on its own thread, as the
-// player's user interface does.
-class event_pipe {
-public:
+// The framework pipe with a reader, as the player's user interface has one.
+// The events of a synchronous call wait in the pipe's buffer until lines().
+struct event_pipe {
     static constexpr const char *path = "/tmp/vtr_framework_pipe";
-    event_pipe() {
-        ::unlink(path);
-        ::mkfifo(path, 0600);
-        read_fd_ = ::open(path, O_RDONLY | O_NONBLOCK);
-        keep_fd_ = ::open(path, O_WRONLY | O_NONBLOCK);  // no end of file between writers
-        reader_ = std::thread([this] {
-            std::string partial;
-            char buffer[65536];
-            while (!stop_) {
-                pollfd p{read_fd_, POLLIN, 0};
-                ssize_t n = ::poll(&p, 1, 20) > 0 ? ::read(read_fd_, buffer, sizeof buffer) : 0;
-                if (n > 0) partial.append(buffer, static_cast<std::size_t>(n));
-                for (std::size_t at; (at = partial.find('\n')) != std::string::npos; partial.erase(0, at + 1)) {
-                    std::lock_guard lock(mutex_);
-                    lines_.push_back(partial.substr(0, at + 1));
-                }
-            }
-        });
-    }
+    int fd = (::unlink(path), ::mkfifo(path, 0600), ::open(path, O_RDONLY | O_NONBLOCK));
+    std::string text;
     ~event_pipe() {
-        stop_ = true;
-        reader_.join();
-        ::close(keep_fd_);
-        ::close(read_fd_);
+        ::close(fd);
         ::unlink(path);
     }
-    // Waits until a line holds `marker`; returns every line read.
-    std::vector<std::string> wait_for(const std::string &marker, int seconds = 30) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        for (;;) {
-            {
-                std::lock_guard lock(mutex_);
-                for (const auto &l : lines_)
-                    if (l.find(marker) != std::string::npos || std::chrono::steady_clock::now() > deadline)
-                        return lines_;
-                if (std::chrono::steady_clock::now() > deadline) return lines_;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    // Every line read so far (with its line feed), waiting up to 30 s for one holding marker.
+    std::vector<std::string> wait_for(const std::string &marker) {
+        char buffer[65536];
+        for (int i = 0; i < 3000 && text.find(marker) == std::string::npos; ++i) {
+            ssize_t n = ::read(fd, buffer, sizeof buffer);
+            if (n > 0) text.append(buffer, static_cast<std::size_t>(n));
+            else std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
+        std::vector<std::string> lines;
+        for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+            lines.push_back(text.substr(at, end + 1 - at));
+        return lines;
     }
-
-private:
-    int read_fd_ = -1, keep_fd_ = -1;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-    std::thread reader_;
 };
 
 }  // namespace tu

@@ -2,15 +2,9 @@
 // write failing while another read is in flight, and the delete walk's
 // error table. (The batches themselves are tested through the host in
 // tests/e2e/test_transfer.py.)
-#include <gtest/gtest.h>
-
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <string>
 
 #include "transfer/batch.h"
 #include "transfer/engine.h"
