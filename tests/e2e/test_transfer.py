@@ -17,50 +17,30 @@ FSLIST = Path("/tmp/fslist")
 MiB = 1 << 20
 GiB = 1 << 30
 
-COPY_LINE = re.compile(
-    r"swf=<event>(?P<event>\w+)</event><filename>(?P<filename>[^<]*)</filename>"
-    r"<from>(?P<frm>[^<]*)</from><to>(?P<to>[^<]*)</to><item>(?P<item>\d+)</item>"
-    r"<total>(?P<total>\d+)</total><percent>(?P<percent>\d+)</percent><whole>(?P<whole>\d+)</whole>"
-    r"<time_left>(?P<time_left>-?\d+)</time_left><status>(?P<status>\d+)</status>\n")
-DELETE_LINE = re.compile(
-    r"swf=<event>delete_from_list</event><filename>(?P<filename>[^<]*)</filename>"
-    r"<from>(?P<frm>[^<]*)</from><item>(?P<item>\d+)</item><total>(?P<total>\d+)</total>"
-    r"<whole>(?P<whole>\d+)</whole><status>(?P<status>\d+)</status>\n")
-
-
-class Events:
-    """The framework pipe's lines with their line feeds, from the last clear()."""
-
-    def __init__(self, pipe):
-        self.pipe, self.skip = pipe, 0
-
-    def wait(self, done, timeout):
-        lines = self.pipe.wait_for(lambda ls: done([l + "\n" for l in ls[self.skip:]]), timeout)
-        return [l + "\n" for l in lines[self.skip:]]
-
-    def wait_end(self, timeout=120):
-        """Lines up to and including the end event (whole 101)."""
-        lines = self.wait(lambda ls: any("<whole>101</whole>" in l for l in ls), timeout)
-        return lines[:next(i for i, l in enumerate(lines) if "<whole>101</whole>" in l) + 1]
-
-    def wait_for(self, pattern, timeout=60):
-        return self.wait(lambda ls: any(pattern in l for l in ls), timeout)
-
-    def clear(self):
-        self.skip = len(self.pipe.lines)
+FIELDS = re.compile(r"<(\w+)>([^<]*)</\1>")
 
 
 @pytest.fixture
 def events(framework_pipe):
-    return Events(framework_pipe)
+    """The framework pipe's lines (with line feeds) from the last clear(); wait_end() up to the end event."""
+    p = framework_pipe
+    p.skip = 0
+    p.wait = lambda done, timeout=120: [l + "\n" for l in p.wait_for(lambda ls: done(ls[p.skip:]), timeout)[p.skip:]]
+    p.wait_end = lambda: (lambda ls: ls[:next(i for i, l in enumerate(ls) if "<whole>101</whole>" in l) + 1])(
+        p.wait(lambda ls: any("<whole>101</whole>" in l for l in ls)))
+    p.wait_text = lambda text: p.wait(lambda ls: any(text in l for l in ls))
+    p.clear = lambda: setattr(p, "skip", len(p.lines))
+    return p
 
 
 def parse(lines):
+    """Each line's fields by name (numbers as int); a line must be nothing but its fields."""
     out = []
     for line in lines:
-        m = COPY_LINE.fullmatch(line) or DELETE_LINE.fullmatch(line)
-        assert m, f"malformed event line {line!r}"
-        out.append({k: v if k in ("event", "filename", "frm", "to") else int(v) for k, v in m.groupdict().items()})
+        fields = FIELDS.findall(line)
+        assert line == "swf=" + "".join(f"<{k}>{v}</{k}>" for k, v in fields) + "\n", line
+        out.append({"frm" if k == "from" else k: int(v) if v.lstrip("-").isdigit() and k != "filename" else v
+                    for k, v in fields})
     return out
 
 
@@ -201,7 +181,7 @@ def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, conf
         select_paths(fresh_host, src / name)
         events.clear()
         assert fresh_host.run("copy_user_storage_file_from_list", str(dst)).result == 0
-        lines = events.wait_for("<whole>101</whole>" if name == "four" else "<filename>almost</filename>")
+        lines = events.wait_text("<whole>101</whole>" if name == "four" else "<filename>almost</filename>")
     fresh_host.proc.kill()
     fresh_host.proc.wait()
     assert [(e["filename"], e["status"]) for e in parse(lines)][:2] == [("", 0), ("almost", 0)]
@@ -223,7 +203,7 @@ def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):
         digests[name] = hashlib.sha256((src / name).read_bytes()).hexdigest()
     select_paths(fresh_host, *(src / n for n in digests))
     assert fresh_host.run("move_user_storage_file_from_list", str(other)).result == 0
-    events.wait_for("<filename>second</filename>")
+    events.wait_text("<filename>second</filename>")
     fresh_host.proc.kill()
     fresh_host.proc.wait()
     for name, digest in digests.items():
