@@ -1,9 +1,8 @@
 // Disc structure detection, the listing key and cache records byte by byte,
-// the cache lookup, the network lister on hand-written answer files and the
-// share list of a local folder (paging counters, filters, sort).
+// the cache lookup, and the share list of a local folder (paging counters,
+// filters, sort). (Network answer files: end-to-end and fuzz_smb_answer.)
 #include "listing/format.h"
 #include "listing/list_command.h"
-#include "listing/network.h"
 #include "listing/share_list.h"
 #include "media/disc.h"
 #include "test_util.h"
@@ -138,62 +137,6 @@ TEST_F(cache_fixture, MissDeletesALargeCache) {
     EXPECT_FALSE(tu::fs::exists(file));
 }
 
-// The network lister on answer files written by hand (the wiring and the
-// filters are end-to-end tests): damaged pairs and the line-length limit.
-struct network_case {
-    const char *name;
-    std::string answer;
-    listing::network_listing request;
-    std::string want;  // the XML inside <response>...</response>
-};
-
-TEST(NetworkLister, AnswerFiles) {
-    std::string long_line(5000, 'x');
-    listing::network_listing all, folders_only;
-    folders_only.want_files = false;
-    folders_only.with_details = false;
-    network_case cases[] = {
-        {"code 6 has neither isFolder nor type; malformed pairs skipped",
-         "odd|1|d|6\nurl=smb://h/s/odd\n"
-         "\nurl=smb://h/s/empty\n"
-         "x|1|d|4\n\n"
-         "six|1|d|4|five|six|seven\nurl=smb://h/s/six.avi\n",
-         all,
-         "<fileList><file><size>1</size><modifyDate>d</modifyDate><name>odd</name><path>smb://h/s/odd</path>"
-         "</file><file><size>1</size><modifyDate>d</modifyDate><isFolder>no</isFolder><type>video</type>"
-         "<name>six</name><path>smb://h/s/six.avi</path></file></fileList>"
-         "<totalFile>2</totalFile><convertPath/>"},
-        {"a line of 4094 characters with its line feed is whole; fields are cut at 255",
-         std::string(300, 'n') + "|" + std::string(3788, '0') + "|d|1\nurl=smb://h/s/ok\n7|3|d|10\nurl=x\n",
-         folders_only,
-         "<fileList><file><isFolder>yes</isFolder><name>" + std::string(255, 'n') +
-             "</name><path>smb://h/s/ok</path></file></fileList>"
-             "<availableFolder>3</availableFolder><totalFile>1</totalFile><convertPath/>"},
-        {"a longer line is read in two pieces: the pairs after it shift",
-         long_line + "|1|d|1\nurl=smb://h/s/long\nok|0|d|1\nurl=smb://h/s/ok\n", folders_only,
-         "<fileList/><totalFile>0</totalFile><convertPath/>"},
-    };
-    for (network_case &c : cases) {
-        tu::drive_tree s(scratch);
-        s.file("smb.out", c.answer);
-        std::string answer = s.at("smb.out");
-        int result = -2;
-        std::string xml = answer_of(
-            [&](VantorXmlNode *slot) {
-                return listing::list_network_folder(slot, "smb://nowhere/s", c.request, answer.c_str());
-            },
-            &result);
-        EXPECT_EQ(result, 0) << c.name;
-        EXPECT_EQ(xml, "<response>" + c.want + "</response>") << c.name;
-    }
-    int result = 0;
-    std::string xml = answer_of(
-        [&](VantorXmlNode *slot) { return listing::list_network_folder(slot, "smb://x/y", all, "/nonexistent"); },
-        &result);
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(xml, "<response/>");
-}
-
 // Share list of a local folder: paging counters, disc folders, filters.
 struct share_case {
     const char *name;
@@ -266,21 +209,6 @@ TEST(ShareList, PagingCountersAndFilters) {
     int result = 0;
     EXPECT_EQ(share_list("/nonexistent/folder", 0, 10, true, true, true, "", 0, nullptr, &result), "<response/>");
     EXPECT_EQ(result, 1);
-}
-
-TEST(ShareList, DetailsAndFailedStat) {
-    tu::drive_tree s(scratch);
-    s.file("clip.mkv", "abc");
-    ::symlink("/nonexistent", s.at("dangling.avi").c_str());
-    std::string xml = share_list(s.root.c_str(), 0, 10, true, true, true, "", 0, nullptr);
-    // The dangling link is listed up to its type, then cut.
-    std::string dir = s.root;
-    EXPECT_NE(xml.find("<file><name>dangling.avi</name><path>" + dir + "/dangling.avi</path><type>video</type></file>"),
-              std::string::npos)
-        << xml;
-    EXPECT_NE(xml.find("<type>video</type><size>3</size><modifyDate>"), std::string::npos) << xml;
-    EXPECT_EQ(xml.find("\n"), std::string::npos);  // dates without their line feed
-    EXPECT_NE(xml.find("</lastAccessDate><isFolder>no</isFolder>"), std::string::npos);
 }
 
 }  // namespace

@@ -58,16 +58,6 @@ inline void make_sparse(const std::string &path, long long size) {
     ::close(fd);
 }
 
-// Sets (or with an empty value removes) a variable of the host's configuration file.
-inline void set_var(const std::string &name, const std::string &value) {
-    const char *env = std::getenv("VTR_CONFIG");
-    const std::string file = env != nullptr ? env : "/opt/vtrhttpd/default/vtr.conf";
-    std::string kept, line;
-    for (std::istringstream in(read_file(file)); std::getline(in, line);)
-        if (line.compare(0, name.size() + 1, name + "=") != 0) kept += line + "\n";
-    write_file(file, kept + (value.empty() ? "" : name + "=" + value + "\n"));
-}
-
 // A request holding the given words (argv[0] the sub-command).
 struct request {
     std::vector<std::string> words;
