@@ -1,12 +1,7 @@
-"""Fixtures of the end-to-end suite, run inside tests/sandbox.sh (tmpfs on
-/opt/vtrhttpd and /tmp, a private /dev). Environment: VTR_BUILD_DIR (vtr-host,
-the plug-in, libvtrsim.so; default <repository>/build), VTR_EMULATOR (prefix
-for a cross-built vtr-host), VTR_TOOLS_DIR (the NATIVE netfs_client; default
-VTR_BUILD_DIR), VTR_HOST_WRAPPER (prefix for every vtr-host, e.g. valgrind;
-a host exiting 99 fails the test that closes it).
-
-Fixtures: drives, config, host, fresh_host, make_host, run_cli, fake_bin,
-usb_names, framework_pipe."""
+"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment:
+VTR_BUILD_DIR (vtr-host, plug-in, libvtrsim.so), VTR_EMULATOR (prefix for a
+cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client), VTR_HOST_WRAPPER
+(prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
 import collections
 import json
 import os
@@ -197,26 +192,19 @@ def drives():
 
 class Config(dict):
     """The host's configuration file, rewritten in one step on every change
-    (the host re-reads it on each lookup)."""
-
-    def __init__(self, path=CONFIG_FILE):
-        super().__init__()
-        self.path = Path(path)
-        self.write()
-
-    @property
-    def values(self):
-        return self
+    (the host re-reads it on each lookup). share(n, name, url) also makes the
+    share's folder under NETWORK_SHARE and returns it."""
+    path = CONFIG_FILE
+    values = property(lambda self: self)
 
     def write(self):
         self.path.parent.mkdir(parents=True, exist_ok=True)
-        tmp = self.path.with_name(self.path.name + ".new")
+        tmp = self.path.with_name("vtr.conf.new")
         tmp.write_text("".join(f"{k}={v}\n" for k, v in self.items()))
         os.replace(tmp, self.path)
 
     def __setitem__(self, key, value):
-        super().__setitem__(key, str(value))
-        self.write()
+        self.update({key: value})
 
     def __delitem__(self, key):
         super().__delitem__(key)
@@ -231,17 +219,16 @@ class Config(dict):
         self.write()
 
     def share(self, n, name, url, create=True):
-        """Network share n; its folder under NETWORK_SHARE is made and returned."""
         self.update({f"netfs_name{n}": name, f"netfs_url{n}": url})
-        folder = DRIVES / "NETWORK_SHARE" / name
         if create:
-            folder.mkdir(parents=True, exist_ok=True)
-        return folder
+            (DRIVES / "NETWORK_SHARE" / name).mkdir(parents=True, exist_ok=True)
+        return DRIVES / "NETWORK_SHARE" / name
 
 
 @pytest.fixture
 def config():
     cfg = Config()
+    cfg.clear()
     yield cfg
     cfg.clear()
 
@@ -318,8 +305,7 @@ class FrameworkPipe:
         self.PATH.unlink(missing_ok=True)
         os.mkfifo(self.PATH, 0o666)
         self.fd = os.open(self.PATH, os.O_RDWR | os.O_NONBLOCK)
-        self.lines, self._partial, self._stop = [], b"", False
-        self._cond = threading.Condition()
+        self.lines, self._partial, self._stop, self._cond = [], b"", False, threading.Condition()
         self._thread = threading.Thread(target=self._reader, daemon=True)
         self._thread.start()
 
@@ -343,15 +329,11 @@ class FrameworkPipe:
                 raise AssertionError(f"framework pipe: condition not met; lines: {self.lines}")
             return list(self.lines)
 
-    def close(self):
-        self._stop = True
-        self._thread.join()
-        os.close(self.fd)
-        self.PATH.unlink(missing_ok=True)
-
-
 @pytest.fixture
 def framework_pipe(drives):
     p = FrameworkPipe()
     yield p
-    p.close()
+    p._stop = True
+    p._thread.join()
+    os.close(p.fd)
+    p.PATH.unlink(missing_ok=True)
