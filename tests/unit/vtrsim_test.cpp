@@ -1,6 +1,6 @@
 // The few simulator behaviours the plug-in's answers rely on: re-appending
-// an element moves it last, binary text keeps every byte, filereadline's
-// cut lines, and the mapping of network addresses onto configured shares.
+// an element moves it last, binary text keeps every byte, filereadline's cut
+// lines. (Network addresses onto shares: every end-to-end share test.)
 #include "test_util.h"
 
 namespace {
@@ -38,22 +38,6 @@ TEST(Vtrsim, FilereadlineCutsLongLines) {
         EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), s.offset);
     }
     ::close(fd);
-}
-
-TEST(Vtrsim, NetworkAddressesMapOntoConfiguredShares) {
-    tu::drive_tree d("/tmp/vtrsim_conf");
-    ::setenv("VTR_CONFIG", d.at("vtr.conf").c_str(), 1);
-    d.file("vtr.conf", "netfs_name0=Public\nnetfs_url0=smb://nas/public/\nnetfs_name20=M\nnetfs_url20=nfs://h/e\n");
-    const std::string root = tu::drives_root + "/NETWORK_SHARE/";
-    struct row { const char *address, *expected; };
-    for (const row &r : {row{"smb://nas/public/a/b.mp4", "Public/a/b.mp4"}, {"smb://nas/public", "Public"},
-                         {"nfs://h/e/x", "M/x"}, {"smb://nas/publicity/x", nullptr}, {"smb://NAS/public/x", nullptr},
-                         {"smb://nas", nullptr}}) {
-        char *got = vtr_get_smb_nfs_network_url(r.address, 5);
-        EXPECT_EQ(got != nullptr ? std::string(got) : "<null>", r.expected ? root + r.expected : "<null>") << r.address;
-        std::free(got);
-    }
-    ::unsetenv("VTR_CONFIG");
 }
 
 }  // namespace
