@@ -83,53 +83,31 @@ def test_subtitles(host, config):
     assert subtitles(host, stem + ".mkvx", 8) == []
 
 
-class Server:
+@pytest.fixture
+def server(config):
     """A threaded HTTP server on loopback serving fixed bodies by full path
-    (query included), recording every request."""
+    (query included) and recording every request; the metadata server."""
+    files, requests = {"/vtrdb/main.php": b"ok"}, []
 
-    def __init__(self):
-        self.files, self.requests = {"/vtrdb/main.php": b"ok"}, []
-        server = self
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self, body=True):
+            requests.append((self.command, self.path))
+            if self.path not in files:
+                return self.send_error(404)
+            self.send_response(200)
+            self.send_header("Content-Length", str(len(files[self.path])))
+            self.end_headers()
+            self.wfile.write(files[self.path] if body else b"")
 
-        class Handler(http.server.BaseHTTPRequestHandler):
-            def do_GET(self, body=True):
-                server.requests.append((self.command, self.path))
-                data = server.files.get(self.path)
-                if data is None:
-                    return self.send_error(404)
-                self.send_response(200)
-                self.send_header("Content-Length", str(len(data)))
-                self.end_headers()
-                if body:
-                    self.wfile.write(data)
+        do_HEAD = lambda self: self.do_GET(body=False)  # noqa: E731
+        log_message = lambda *args: None  # noqa: E731
 
-            def do_HEAD(self):
-                self.do_GET(body=False)
-
-            def log_message(self, *args):
-                pass
-
-        self.httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.base = f"http://127.0.0.1:{self.httpd.server_address[1]}"
-        threading.Thread(target=self.httpd.serve_forever, daemon=True).start()
-
-
-@pytest.fixture
-def server(config):
-    s = Server()
-    config["vtrdb_host"] = s.base[len("http://"):]
-    yield s
-    s.httpd.shutdown()
-    s.httpd.server_close()
-
-
-@pytest.fixture
-def server(config):
-    s = Server()
-    config["vtrdb_host"] = s.base[len("http://"):]
-    yield s
-    s.httpd.shutdown()
-    s.httpd.server_close()
+    httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    threading.Thread(target=httpd.serve_forever, daemon=True).start()
+    config["vtrdb_host"] = f"127.0.0.1:{httpd.server_address[1]}"
+    yield type("Server", (), {"files": files, "requests": requests, "base": "http://" + config["vtrdb_host"]})
+    httpd.shutdown()
+    httpd.server_close()
 
 
 def closed_port_host():
