@@ -1,8 +1,6 @@
 // The listing-cache lookup over arbitrary cache-file bytes. The first byte
 // picks the key asked for (so records the input spells out can match); the
 // rest is the cache file.
-#include <cstdint>
-
 #include "fuzz/fuzz_common.h"
 #include "listing/list_command.h"
 

@@ -2,13 +2,7 @@
 // search for a path, the selected-record count, the reader of the next
 // record and the done flag it leaves behind. The first byte picks the path
 // looked for; the rest is the file.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 #include "fuzz/fuzz_common.h"
 #include "transfer/selection.h"

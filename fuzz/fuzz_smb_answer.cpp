@@ -2,10 +2,7 @@
 // The first byte picks the request's flags and media filter; the rest is
 // the answer file. With its cache flag the page also goes to the listing
 // cache, which a second reading then answers from.
-#include <unistd.h>
-
 #include <array>
-#include <cstdint>
 
 #include "fuzz/fuzz_common.h"
 #include "listing/list_command.h"
