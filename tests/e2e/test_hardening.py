@@ -162,10 +162,11 @@ def test_hostile_paths_and_names(host, drives, fake_bin, row):
 
 # ---------------------------------------------------------------- damaged state files
 
-def test_damaged_state_files(host, drives, config, fake_bin):
-    """Selection files, listing caches, network answers and identity files
-    with any content: known result codes, no change to the drives, no leaked
-    answer nodes, and a damaged cache never stands in for a real listing."""
+def test_damaged_state_files(host, drives):
+    """Selection files, listing caches and identity files with any content:
+    known result codes, no change to the drives, no leaked answer nodes, and a
+    damaged cache never stands in for a real listing. (Network answer files:
+    fuzz_smb_answer.)"""
     drive = _prepare(drives)
     before = tree_digest(drive)
     for content in [b"", b"1|", b"\n\n\n", b"1||\n0||\n", b"1|Label|" + b"p" * 9000 + b"\n",
@@ -183,13 +184,6 @@ def test_damaged_state_files(host, drives, config, fake_bin):
         a = host.run("list_user_storage_file", *listing, "true")
         assert a.result == 0 and a.tree.to_dict() == fresh.tree.to_dict(), content[:40]
     assert tree_digest(drive) == before
-    share = config.share(0, "Public", "smb://nas/public")
-    make_fake(DRIVES.parent / "default", "netfs_client", "exit 0\n")  # leaves the answer file the test wrote
-    for content in [b"\n", b"|||\nurl=\n", b"1|2|3|10\n", b"x" * 20000 + b"\nurl=" + b"y" * 20000 + b"\n",
-                    b"a|b|c|1\nurl=smb://nas/public/a\n" * 3 + b"\xff\xfe|1|Mon|2\nurl=\xff\n", bytes(range(256)) * 16]:
-        Path("/tmp/smb.out").write_bytes(content)
-        a = host.run("list_user_storage_file", "smb://nas/public", "0", "0", "true", "true", "true", "")
-        assert known_code(a.result), content[:40]
     app_id = _app_storage(host)
     assert host.run("create_app_storage_file", "f.txt", DRIVE, app_id, "pw").result == 0
     folder = drive / ".vtr_apps" / f".vtr_app_{app_id}"
@@ -202,7 +196,7 @@ def test_damaged_state_files(host, drives, config, fake_bin):
                      ("change_app_storage_password", DRIVE, app_id, "pw", "new", "new")):
             assert host.run(*args).result == 1, (content[:20], args[0])  # verifies no password: the storage stays
             assert (folder / "f.txt").exists()
-    assert host.stats()["orphan_nodes"] == 0 and share.is_dir()
+    assert host.stats()["orphan_nodes"] == 0
 
 
 # ---------------------------------------------------------------- long run
