@@ -1,6 +1,8 @@
 // The copy engine: report steps and points, the 4 GiB rule, refusals and
 // their events, tails and empty files, unique names, the folder walk and its
-// start events. (The exact event line format is transfer_progress_test.)
+// start events; the delete walk's error table. (The event line format is
+// transfer_progress_test; a write failing mid-copy, 29, is end-to-end.)
+#include <cerrno>
 #include <random>
 
 #include "transfer/batch.h"
@@ -35,7 +37,7 @@ struct Engine : ::testing::Test {
     }
 };
 
-TEST(EngineRules, FourGibLimitReportStepsAndThresholds) {
+TEST(EngineRules, FourGibLimitReportStepsThresholdsAndDeleteErrors) {
     struct fit { int32_t kind; long long size; bool fits; };
     for (fit r : {fit{2, 4 * GiB - 1, true}, {2, 4 * GiB, false}, {2, 8 * GiB + 5, false}, {1, 4 * GiB, true},
                   {0, 4 * GiB, true}})
@@ -52,6 +54,11 @@ TEST(EngineRules, FourGibLimitReportStepsAndThresholds) {
     EXPECT_EQ(transfer::report_threshold(p, 10), 0);  // ends on the boundary: no report
     p.step = 0;
     EXPECT_EQ(transfer::report_threshold(p, 40), 0);
+    // The delete walk's errors: those that stop it, those it goes on after (0).
+    struct del { int error; int32_t status; };
+    for (del r : {del{ENOENT, 12}, {EACCES, 402}, {ETXTBSY, 2}, {EBUSY, 2}, {EROFS, 60}, {EEXIST, 60}, {ENOTEMPTY, 0},
+                  {EPERM, 0}, {EIO, 0}, {ENOTDIR, 0}})
+        EXPECT_EQ(transfer::delete_status_for(r.error), r.status) << r.error;
 }
 
 TEST_F(Engine, ReportPointsTailsEmptyFilesAndRefusals) {
