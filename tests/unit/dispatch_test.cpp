@@ -1,10 +1,7 @@
 // The run entry's group and name matching and the argument-count rules over
-// a table of recording handlers; the descriptor's layout; the plug-in's own
-// table in the player's order with its count rules.
+// a table of recording handlers; the plug-in's own table in the player's
+// order with its count rules. (The descriptor's words: test_foundation.py.)
 #include "test_util.h"
-
-extern "C" CommandDescriptor *VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor(
-    CommandDescriptor *d);
 
 namespace {
 
@@ -60,28 +57,6 @@ TEST(Dispatch, CountRulesGroupsAndNames) {
     tu::request zero({"list_user_storage_file"});
     zero.value.args->argc = 0;
     EXPECT_EQ(plugin::dispatch(test_tables, &response, &zero.value), 1);
-}
-
-TEST(Descriptor, FactoryWritesValuesAtTheirOffsets) {
-    unsigned char raw[sizeof(CommandDescriptor)];
-    std::memset(raw, 0xAB, sizeof raw);
-    auto *d = reinterpret_cast<CommandDescriptor *>(raw);
-    ASSERT_EQ(VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor(d), d);
-    auto word = [&](std::size_t offset) {
-        uint32_t v;
-        std::memcpy(&v, raw + offset, 4);
-        return v;
-    };
-    EXPECT_STREQ(reinterpret_cast<char *>(raw + 4), "file_operation");
-    EXPECT_EQ(word(40), 200u);
-    EXPECT_EQ(word(52), 10u);
-    EXPECT_EQ(word(56), 10u);
-    EXPECT_EQ(word(60), 0u);
-    for (std::size_t offset : {0u, 36u, 44u, 48u}) EXPECT_EQ(word(offset), 0xABABABABu) << offset;  // host words
-    VantorRunEntry entry;
-    std::memcpy(&entry, raw + 64, sizeof entry);
-    EXPECT_EQ(entry, &VANTOR_COMMAND_SERVER_func_run_command_file_operation);
-    EXPECT_EQ(VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor(nullptr), nullptr);
 }
 
 TEST(Dispatch, PluginTableOrderAndRules) {
