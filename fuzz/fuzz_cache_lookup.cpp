@@ -1,8 +1,6 @@
 // The listing-cache lookup over arbitrary cache-file bytes. The first byte
 // picks the key asked for (so records the input spells out can match); the
 // rest is the cache file.
-#include <cstdint>
-
 #include "fuzz/fuzz_common.h"
 #include "listing/list_command.h"
 
@@ -10,10 +8,7 @@ namespace {
 constexpr const char *cache = "/tmp/fuzz_usr_file_list";
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::require_sandbox();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int *, char ***) { return fuzz::require_sandbox(), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 262144) return -1;

@@ -2,13 +2,7 @@
 // search for a path, the selected-record count, the reader of the next
 // record and the done flag it leaves behind. The first byte picks the path
 // looked for; the rest is the file.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 #include "fuzz/fuzz_common.h"
 #include "transfer/selection.h"
@@ -20,10 +14,7 @@ constexpr const char *file = transfer::selection_file;
 constexpr std::array<const char *, 4> paths{"/opt/vtrhttpd/localhost.drives/A/b.txt", "b.txt", "", "|"};
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::require_sandbox();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int *, char ***) { return fuzz::require_sandbox(), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 65536) return -1;

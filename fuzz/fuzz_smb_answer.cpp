@@ -2,10 +2,7 @@
 // The first byte picks the request's flags and media filter; the rest is
 // the answer file. With its cache flag the page also goes to the listing
 // cache, which a second reading then answers from.
-#include <unistd.h>
-
 #include <array>
-#include <cstdint>
 
 #include "fuzz/fuzz_common.h"
 #include "listing/list_command.h"
@@ -17,10 +14,7 @@ constexpr const char *cache = "/tmp/fuzz_usr_file_list";
 constexpr std::array<const char *, 8> filters{"", "video", "music", "photo", "torrent", "others", "bogus", nullptr};
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::require_sandbox();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int *, char ***) { return fuzz::require_sandbox(), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1 || size > 65536) return -1;

@@ -1,15 +1,10 @@
 #!/bin/sh
-# fuzz/run.sh [TARGET...]
-#
-# Builds the libFuzzer targets (build/fuzz, clang-14 with ASan and UBSan)
-# and runs each one for FUZZ_SECONDS (default 60) inside tests/sandbox.sh,
-# one fuzzer process at a time. New inputs go to build/fuzz/corpus/<target>
-# (the committed seeds in fuzz/corpus/<target> are only read); a crash
-# leaves its input in build/fuzz/artifacts/. Prints the executions of each
-# target and exits non-zero when any target failed.
-#
-# Environment: FUZZ_SECONDS, FUZZ_BUILD_DIR (default build/fuzz),
-# FUZZ_ARGS (extra libFuzzer options).
+# fuzz/run.sh [TARGET...]: builds the libFuzzer targets (build/fuzz, clang-14,
+# ASan and UBSan) and runs each for FUZZ_SECONDS (default 60) inside
+# tests/sandbox.sh. New inputs go to build/fuzz/corpus/<target> (the seeds in
+# fuzz/corpus/<target> are only read); a crash leaves its input in
+# build/fuzz/artifacts/. Exits non-zero when any target failed.
+# Environment: FUZZ_SECONDS, FUZZ_BUILD_DIR, FUZZ_ARGS (extra libFuzzer options).
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}

@@ -1,22 +1,8 @@
-"""Fixtures of the end-to-end suite.
-
-The suite runs inside tests/sandbox.sh (a private mount namespace with tmpfs
-on /opt/vtrhttpd and /tmp and a private /dev). Environment:
-
-  VTR_BUILD_DIR   folder holding vtr-host, the plug-in and libvtrsim.so
-                  (default: <repository>/build)
-  VTR_EMULATOR    command prefix for running a cross-built vtr-host, e.g.
-                  "qemu-mipsel -L /usr/mipsel-linux-gnu"; empty on the PC
-  VTR_TOOLS_DIR   folder holding the NATIVE netfs_client and other programs
-                  that the plug-in executes through the real kernel
-                  (default: VTR_BUILD_DIR)
-  VTR_HOST_WRAPPER  command prefix for every vtr-host process, e.g.
-                  "valgrind --error-exitcode=99 --leak-check=full"
-                  (scripts/valgrind-e2e.sh); a host that exits with 99
-                  fails the test that closes it
-
-Fixtures: drives, config, host, fresh_host, make_host, run_cli, fake_bin.
-"""
+"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment:
+VTR_BUILD_DIR (vtr-host, plug-in, libvtrsim.so), VTR_EMULATOR (prefix for a
+cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client), VTR_HOST_WRAPPER
+(prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
+import collections
 import json
 import os
 import select
@@ -35,29 +21,17 @@ TOOLS_DIR = Path(os.environ.get("VTR_TOOLS_DIR") or BUILD_DIR).resolve()
 CROSS = bool(EMULATOR)
 HOST_WRAPPER = shlex.split(os.environ.get("VTR_HOST_WRAPPER", ""))
 WRAPPER_FAILURE = 99
-
 OPT = Path("/opt/vtrhttpd")
 DRIVES = OPT / "localhost.drives"
 DEFAULT = OPT / "default"
 CONFIG_FILE = DEFAULT / "vtr.conf"
 NETFS_CLIENT = DEFAULT / "netfs_client"
-# Doubles of machine programs (cp, wget, cdparanoia...) put here are found
-# first: every host process gets this folder at the front of PATH.
-FAKE_BIN = OPT / "testbin"
-
-# State files of the plug-in and of the simulated client under /tmp.
-TMP_STATE = [
-    "/tmp/fslist", "/tmp/fslist.batch", "/tmp/fslist.merge", "/tmp/usr_file_list", "/tmp/smb.out",
-    "/tmp/usb_name.txt",
-    "/tmp/netfs_client.log", "/tmp/vtr_framework_pipe",
-    # the ripper's status and control files
-    "/tmp/RippingStatus.txt", "/tmp/AlbumeName.txt", "/tmp/TrackNumber.txt", "/tmp/list.txt",
-    "/tmp/kill_paranoia",
-]
-
+FAKE_BIN = OPT / "testbin"  # doubles of machine programs, first on every host's PATH
+TMP_STATE = ["/tmp/fslist", "/tmp/fslist.batch", "/tmp/fslist.merge", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/usb_name.txt", "/tmp/netfs_client.log",
+             "/tmp/vtr_framework_pipe", "/tmp/RippingStatus.txt", "/tmp/AlbumeName.txt", "/tmp/TrackNumber.txt",
+             "/tmp/list.txt", "/tmp/kill_paranoia"]
 VTR_HOST = BUILD_DIR / "vtr-host"
-# Seconds a single request may take (qemu is slow).
-REQUEST_TIMEOUT = float(os.environ.get("VTR_REQUEST_TIMEOUT", "600"))
+REQUEST_TIMEOUT = float(os.environ.get("VTR_REQUEST_TIMEOUT", "600"))  # qemu is slow
 PLUGIN = BUILD_DIR / "libvantor_command_server_command_file_operation.so"
 
 
@@ -68,10 +42,8 @@ def pytest_configure(config):
 
 def pytest_collection_modifyitems(config, items):
     for item in items:
-        if "cross_only" in item.keywords and not CROSS:
-            item.add_marker(pytest.mark.skip(reason="cross build only"))
-        if "native_only" in item.keywords and CROSS:
-            item.add_marker(pytest.mark.skip(reason="native build only"))
+        if ("cross_only" in item.keywords and not CROSS) or ("native_only" in item.keywords and CROSS):
+            item.add_marker(pytest.mark.skip(reason="not for this build"))
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -83,43 +55,30 @@ def _inside_sandbox():
 
 
 def to_wire(arg):
-    """One argument as the serve-stdio protocol sends it: a JSON string whose
-    code points are the argument's bytes."""
-    if isinstance(arg, str):
-        arg = arg.encode("utf-8")
-    return bytes(arg).decode("latin-1")
+    """An argument as serve-stdio takes it: a JSON string whose code points are the argument's bytes."""
+    return bytes(arg.encode() if isinstance(arg, str) else arg).decode("latin-1")
 
 
 class Node:
     """One element of an answer: tag (str), text (bytes), children."""
-
     __slots__ = ("tag", "text", "children")
 
     def __init__(self, tag, text, children):
-        self.tag = tag
-        self.text = text
-        self.children = children
+        self.tag, self.text, self.children = tag, text, children
 
     @classmethod
     def from_json(cls, obj):
-        return cls(obj["tag"].encode("latin-1").decode("utf-8", "replace"),
-                   obj["text"].encode("latin-1"),
+        return cls(obj["tag"].encode("latin-1").decode("utf-8", "replace"), obj["text"].encode("latin-1"),
                    [cls.from_json(c) for c in obj["children"]])
 
     def find(self, tag):
-        """First child with this tag, or None."""
-        for c in self.children:
-            if c.tag == tag:
-                return c
-        return None
+        return next((c for c in self.children if c.tag == tag), None)
 
     def findall(self, tag):
         return [c for c in self.children if c.tag == tag]
 
     def text_of(self, tag):
-        """Text (bytes) of the first child with this tag; None when absent."""
-        c = self.find(tag)
-        return None if c is None else c.text
+        return getattr(self.find(tag), "text", None)
 
     @property
     def tags(self):
@@ -128,19 +87,10 @@ class Node:
     def to_dict(self):
         return {"tag": self.tag, "text": self.text, "children": [c.to_dict() for c in self.children]}
 
-    def __repr__(self):
-        return f"Node({self.tag!r}, {self.text!r}, {self.children!r})"
+    __repr__ = lambda self: repr(self.to_dict())
 
 
-class Answer:
-    __slots__ = ("result", "tree")
-
-    def __init__(self, result, tree):
-        self.result = result
-        self.tree = tree
-
-    def __repr__(self):
-        return f"Answer(result={self.result}, tree={self.tree!r})"
+Answer = collections.namedtuple("Answer", "result tree")
 
 
 class HostError(RuntimeError):
@@ -148,11 +98,9 @@ class HostError(RuntimeError):
 
 
 def host_env(extra=None):
-    env = dict(os.environ)
-    env["PATH"] = f"{FAKE_BIN}:{env.get('PATH', '/usr/bin:/bin')}"
+    env = dict(os.environ, PATH=f"{FAKE_BIN}:{os.environ.get('PATH', '/usr/bin:/bin')}")
     env.pop("VTR_CONFIG", None)  # the default config file, written by `config`
-    if extra:
-        env.update(extra)
+    env.update(extra or {})
     return env
 
 
@@ -160,15 +108,9 @@ class Host:
     """A `vtr-host serve-stdio` process: one request per line, answers in order."""
 
     def __init__(self, env=None, plugin=None, cwd="/"):
-        cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST)]
-        if plugin:
-            cmd += ["--plugin", str(plugin)]
-        cmd.append("serve-stdio")
-        self.cmd = cmd
-        self.env = env
-        self.cwd = str(cwd)
-        self.lock = threading.Lock()
-        self.proc = None
+        self.cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *(["--plugin", str(plugin)] if plugin else []),
+                    "serve-stdio"]
+        self.env, self.cwd, self.lock, self.proc = env, str(cwd), threading.Lock(), None
         self.start()
 
     def start(self):
@@ -179,50 +121,41 @@ class Host:
         return self.proc is not None and self.proc.poll() is None
 
     def request_line(self, line, timeout=REQUEST_TIMEOUT):
-        """Sends one raw protocol line, returns the parsed JSON answer line.
-        A host that does not answer within timeout seconds is killed."""
+        """Sends one raw protocol line, returns the parsed answer line; kills a host that does not answer."""
         with self.lock:
             if not self.alive():
                 raise HostError(f"vtr-host is not running (exit {self.proc.returncode})")
             self.proc.stdin.write(line.encode("utf-8") + b"\n")
             self.proc.stdin.flush()
-            ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
-            if not ready:
+            if not select.select([self.proc.stdout], [], [], timeout)[0]:
                 self.proc.kill()
                 self.proc.wait()
                 raise HostError(f"vtr-host did not answer within {timeout} s: {line}")
             out = self.proc.stdout.readline()
             if not out:
-                code = self.proc.wait()
-                raise HostError(f"vtr-host died (exit status {code}) on {line}")
+                raise HostError(f"vtr-host died (exit status {self.proc.wait()}) on {line}")
             return json.loads(out)
 
     def run(self, *args, timeout=REQUEST_TIMEOUT):
-        """Runs one request: run("list_user_storage_file", "USB", ...).
-        Arguments may be str or bytes."""
-        line = json.dumps([to_wire(a) for a in args])
-        obj = self.request_line(line, timeout)
+        """run("list_user_storage_file", "USB", ...); arguments may be str or bytes."""
+        obj = self.request_line(json.dumps([to_wire(a) for a in args]), timeout)
         if "error" in obj:
             raise HostError(obj["error"])
         return Answer(obj["result"], Node.from_json(obj["answer"]))
 
     def stats(self):
-        """The host's own counters: {"live_nodes": N, "orphan_nodes": M}
-        (XML nodes alive; those never appended to any tree)."""
+        """{"live_nodes": N, "orphan_nodes": M}: XML nodes alive; those never appended."""
         return self.request_line('["vtr-host:stats"]')["stats"]
 
     def close(self):
         if self.proc is None:
             return
-        if self.proc.poll() is None:
-            self.proc.stdin.close()
-            try:
-                self.proc.wait(timeout=300 if HOST_WRAPPER else 30)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        else:
-            self.proc.stdin.close()
+        self.proc.stdin.close()
+        try:
+            self.proc.wait(timeout=300 if HOST_WRAPPER else 30)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
         self.proc.stdout.close()
         if HOST_WRAPPER and self.proc.returncode == WRAPPER_FAILURE:
             raise HostError(f"{HOST_WRAPPER[0]} reported errors in vtr-host (exit {WRAPPER_FAILURE})")
@@ -239,105 +172,70 @@ def _empty_folder(path):
             child.unlink(missing_ok=True)
 
 
-def _unmount_below(path):
-    """Lazily unmounts file systems a test mounted under path."""
-    prefix = str(path) + "/"
-    with open("/proc/self/mounts") as f:
-        points = [line.split()[1].encode().decode("unicode_escape") for line in f]
-    for mp in sorted((p for p in points if p.startswith(prefix)), key=len, reverse=True):
-        subprocess.run(["umount", "-l", mp], check=False)
-
-
 @pytest.fixture
 def drives():
-    """The drives root /opt/vtrhttpd/localhost.drives, emptied, with the /tmp
-    state files removed and netfs_client installed."""
-    _unmount_below(DRIVES)
+    """The drives root, emptied (mounts below it undone), the /tmp state files
+    removed and netfs_client installed."""
+    with open("/proc/self/mounts") as f:
+        points = [line.split()[1].encode().decode("unicode_escape") for line in f]
+    for mp in sorted((p for p in points if p.startswith(f"{DRIVES}/")), key=len, reverse=True):
+        subprocess.run(["umount", "-l", mp], check=False)
     _empty_folder(DRIVES)
-    for name in TMP_STATE:
-        p = Path(name)
-        if p.is_dir() and not p.is_symlink():
-            shutil.rmtree(p, ignore_errors=True)
-        else:
-            p.unlink(missing_ok=True)
-    Path("/dev/cdrom").unlink(missing_ok=True)
+    for p in map(Path, TMP_STATE + ["/dev/cdrom"]):
+        shutil.rmtree(p, ignore_errors=True) if p.is_dir() and not p.is_symlink() else p.unlink(missing_ok=True)
     DEFAULT.mkdir(parents=True, exist_ok=True)
-    client = TOOLS_DIR / "netfs_client"
-    if client.exists():
+    if (TOOLS_DIR / "netfs_client").exists():
         NETFS_CLIENT.unlink(missing_ok=True)
-        shutil.copy2(client, NETFS_CLIENT)
+        shutil.copy2(TOOLS_DIR / "netfs_client", NETFS_CLIENT)
     yield DRIVES
 
 
-class Config:
-    """The host's configuration file /opt/vtrhttpd/default/vtr.conf.
-
-    config["netfs_url0"] = "smb://nas/public"; config.update(...); del config[k];
-    config.share(0, "Public", "smb://nas/public") also creates the share's
-    folder under NETWORK_SHARE. Every change is written at once; the host
-    re-reads the file on each lookup."""
-
-    def __init__(self, path=CONFIG_FILE):
-        self.path = Path(path)
-        self.values = {}
-        self.write()
+class Config(dict):
+    """The host's configuration file, rewritten in one step on every change
+    (the host re-reads it on each lookup). share(n, name, url) also makes the
+    share's folder under NETWORK_SHARE and returns it."""
+    path = CONFIG_FILE
+    values = property(lambda self: self)
 
     def write(self):
-        # Replaced in one step: a host thread reading it never sees half a file.
         self.path.parent.mkdir(parents=True, exist_ok=True)
-        tmp = self.path.with_name(self.path.name + ".new")
-        tmp.write_text("".join(f"{k}={v}\n" for k, v in self.values.items()))
+        tmp = self.path.with_name("vtr.conf.new")
+        tmp.write_text("".join(f"{k}={v}\n" for k, v in self.items()))
         os.replace(tmp, self.path)
 
     def __setitem__(self, key, value):
-        self.values[key] = str(value)
-        self.write()
-
-    def __getitem__(self, key):
-        return self.values[key]
+        self.update({key: value})
 
     def __delitem__(self, key):
-        del self.values[key]
+        super().__delitem__(key)
         self.write()
 
-    def __contains__(self, key):
-        return key in self.values
-
-    def get(self, key, default=None):
-        return self.values.get(key, default)
-
     def update(self, *args, **kwargs):
-        self.values.update({k: str(v) for k, v in dict(*args, **kwargs).items()})
+        super().update({k: str(v) for k, v in dict(*args, **kwargs).items()})
         self.write()
 
     def clear(self):
-        self.values.clear()
+        super().clear()
         self.write()
-
-    def __call__(self, **kwargs):
-        self.update(**kwargs)
-        return self
 
     def share(self, n, name, url, create=True):
         self.update({f"netfs_name{n}": name, f"netfs_url{n}": url})
-        folder = DRIVES / "NETWORK_SHARE" / name
         if create:
-            folder.mkdir(parents=True, exist_ok=True)
-        return folder
+            (DRIVES / "NETWORK_SHARE" / name).mkdir(parents=True, exist_ok=True)
+        return DRIVES / "NETWORK_SHARE" / name
 
 
 @pytest.fixture
 def config():
     cfg = Config()
+    cfg.clear()
     yield cfg
-    cfg.values.clear()
-    cfg.write()
+    cfg.clear()
 
 
 @pytest.fixture
 def fake_bin():
-    """A folder at the front of every host process's PATH, emptied per test.
-    fake_bin.joinpath("cp") etc.; use make_fake(fake_bin, name, script)."""
+    """A folder at the front of every host process's PATH, emptied per test."""
     _empty_folder(FAKE_BIN)
     yield FAKE_BIN
     _empty_folder(FAKE_BIN)
@@ -351,22 +249,17 @@ def make_fake(folder, name, script):
     return p
 
 
-_session_host = None
-
-
 @pytest.fixture(scope="session")
 def _host_process():
-    global _session_host
     FAKE_BIN.mkdir(parents=True, exist_ok=True)
-    _session_host = Host()
-    yield _session_host
-    _session_host.close()
+    h = Host()
+    yield h
+    h.close()
 
 
 @pytest.fixture
 def host(_host_process, drives, config):
-    """The session's serve-stdio host (the factory's one-second sleep is paid
-    once). Restarted when an earlier test crashed it."""
+    """The session's host (its start-up is paid once), restarted after a crash."""
     if not _host_process.alive():
         _host_process.close()
         _host_process.start()
@@ -377,77 +270,55 @@ def host(_host_process, drives, config):
 def make_host(drives, config):
     """Factory for extra host processes: make_host(env={...}, plugin=path, cwd=dir)."""
     made = []
-
-    def make(env=None, plugin=None, cwd="/"):
-        h = Host(env=env, plugin=plugin, cwd=cwd)
-        made.append(h)
-        return h
-
-    yield make
+    yield lambda env=None, plugin=None, cwd="/": made.append(Host(env, plugin, cwd)) or made[-1]
     for h in made:
         h.close()
 
 
 @pytest.fixture
 def fresh_host(make_host):
-    """A host process of its own for this test."""
     return make_host()
 
 
 @pytest.fixture
 def run_cli(drives, config):
-    """run_cli(*args, options=(), env=None) runs `vtr-host [options] run ARGS`
-    and returns the CompletedProcess (stdout and stderr as bytes)."""
-
+    """run_cli(*args, options=(), env=None): `vtr-host [options] run ARGS` as a CompletedProcess."""
     def run(*args, options=(), env=None, timeout=120):
-        cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *options, "run"]
-        cmd += [a if isinstance(a, bytes) else str(a) for a in args]
+        cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *options, "run", *(a if isinstance(a, bytes) else str(a)
+                                                                              for a in args)]
         return subprocess.run(cmd, capture_output=True, env=host_env(env), cwd="/", timeout=timeout)
-
     return run
 
 
 @pytest.fixture
 def usb_names(drives):
-    """usb_names({"USB_DRIVE_A-1": "My Stick"}) writes /tmp/usb_name.txt
-    (folder name, "|", display name, one line each)."""
-
-    def write(names):
-        Path("/tmp/usb_name.txt").write_text("".join(f"{k}|{v}\n" for k, v in names.items()))
-
-    return write
+    """usb_names({"USB_DRIVE_A-1": "My Stick"}) writes /tmp/usb_name.txt ("folder|name" lines)."""
+    return lambda names: Path("/tmp/usb_name.txt").write_text("".join(f"{k}|{v}\n" for k, v in names.items()))
 
 
 class FrameworkPipe:
-    """Reader of /tmp/vtr_framework_pipe, as the player's user interface.
-    The FIFO is opened read-write so it always has a reader and never
-    reports end of file; lines are collected by a thread."""
-
+    """Reader of /tmp/vtr_framework_pipe as the player's user interface: opened
+    read-write (never an end of file), lines collected by a thread."""
     PATH = Path("/tmp/vtr_framework_pipe")
 
     def __init__(self):
         self.PATH.unlink(missing_ok=True)
         os.mkfifo(self.PATH, 0o666)
         self.fd = os.open(self.PATH, os.O_RDWR | os.O_NONBLOCK)
-        self.lines = []
-        self._partial = b""
-        self._cond = threading.Condition()
-        self._stop = False
+        self.lines, self._partial, self._stop, self._cond = [], b"", False, threading.Condition()
         self._thread = threading.Thread(target=self._reader, daemon=True)
         self._thread.start()
 
     def _reader(self):
         while not self._stop:
-            ready, _, _ = select.select([self.fd], [], [], 0.05)
-            if not ready:
+            if not select.select([self.fd], [], [], 0.05)[0]:
                 continue
             try:
                 data = os.read(self.fd, 65536)
             except BlockingIOError:
                 continue
             with self._cond:
-                self._partial += data
-                *done, self._partial = self._partial.split(b"\n")
+                *done, self._partial = (self._partial + data).split(b"\n")
                 self.lines.extend(d.decode("latin-1") for d in done)
                 self._cond.notify_all()
 
@@ -458,16 +329,11 @@ class FrameworkPipe:
                 raise AssertionError(f"framework pipe: condition not met; lines: {self.lines}")
             return list(self.lines)
 
-    def close(self):
-        self._stop = True
-        self._thread.join()
-        os.close(self.fd)
-        self.PATH.unlink(missing_ok=True)
-
-
 @pytest.fixture
 def framework_pipe(drives):
-    """The progress-event FIFO with a reader: .lines, .wait_for(pred, timeout)."""
     p = FrameworkPipe()
     yield p
-    p.close()
+    p._stop = True
+    p._thread.join()
+    os.close(p.fd)
+    p.PATH.unlink(missing_ok=True)

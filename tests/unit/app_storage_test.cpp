@@ -1,149 +1,58 @@
-// Storage creation and the password check on a real drive folder; these
-// cases need the fixed drives root, so they run inside tests/sandbox.sh.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
-#include <cstdlib>
+// Storage creation on a real drive folder (inside tests/sandbox.sh): ids
+// drawn from the time, concurrent creations, and paths beyond the buffers.
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "appstore/app_storage.h"
 #include "appstore/scramble.h"
-#include "search_fixtures.h"
+#include "test_util.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-const fs::path drive_root = "/opt/vtrhttpd/localhost.drives/UT_APPSTORE";
-
-struct answer {
-    int32_t result;
-    std::string id;  // text of "id", "" when absent
-};
-
-answer run(std::vector<std::string> words) {
-    search_fixtures::answer a = search_fixtures::run(std::move(words));
+std::pair<int32_t, std::string> create(const std::string &drive, const std::string &password) {
+    tu::answer a = tu::run({"create_app_storage", drive, password});
     return {a.result, a.text("id")};
 }
 
-class AppStorage : public ::testing::Test {
-protected:
-    void SetUp() override {
-        REQUIRE_SANDBOX();
-        fs::remove_all(drive_root);
-        fs::create_directories(drive_root);
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(drive_root, ignored);
-    }
-};
-
-TEST_F(AppStorage, CreationsInOneSecondDrawTheSameFirstIdAndTheSecondRedraws) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        fs::remove_all(drive_root / ".vtr_apps");
+TEST(AppStorage, IdsFromTheTimeConcurrentCreationsAndBufferLimits) {
+    REQUIRE_SANDBOX();
+    tu::drive_tree drive("UT_APPSTORE");
+    for (int attempt = 0; attempt < 5; ++attempt) {  // two creations in one second: the second redraws
+        tu::fs::remove_all(drive.at(".vtr_apps"));
         std::time_t before = std::time(nullptr);
-        answer first = run({"create_app_storage", "UT_APPSTORE", "one"});
-        answer second = run({"create_app_storage", "UT_APPSTORE", "two"});
+        auto first = create("UT_APPSTORE", "one"), second = create("UT_APPSTORE", "two");
         if (std::time(nullptr) != before) continue;  // crossed a second: try again
         appstore::app_random generator(before);
-        int32_t expected_first = appstore::next_random(generator);
-        int32_t expected_second = appstore::next_random(generator);
-        ASSERT_EQ(first.result, 0);
-        ASSERT_EQ(second.result, 0);
-        EXPECT_EQ(first.id, std::to_string(expected_first));
-        EXPECT_EQ(second.id, std::to_string(expected_second));
-        return;
+        EXPECT_EQ(first, std::pair(0, std::to_string(appstore::next_random(generator))));
+        EXPECT_EQ(second, std::pair(0, std::to_string(appstore::next_random(generator))));
+        break;
     }
-    FAIL() << "no two creations within one second";
-}
-
-TEST_F(AppStorage, ConcurrentCreationsGetStoragesOfTheirOwn) {
-    constexpr int count = 8;
-    std::vector<answer> answers(count);
+    std::vector<std::pair<int32_t, std::string>> made(8);
     std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i)
-        threads.emplace_back([i, &answers] {
-            answers[i] = run({"create_app_storage", "UT_APPSTORE", "pw" + std::to_string(i)});
-        });
+    for (int i = 0; i < 8; ++i) threads.emplace_back([i, &made] { made[i] = create("UT_APPSTORE", "pw" + std::to_string(i)); });
     for (std::thread &t : threads) t.join();
     std::set<std::string> ids;
-    for (int i = 0; i < count; ++i) {
-        ASSERT_EQ(answers[i].result, 0);
-        ids.insert(answers[i].id);
+    for (int i = 0; i < 8; ++i) {
+        ids.insert(made[i].second);
         plugin::path_buffer identity;
-        EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", answers[i].id.c_str(), ("pw" + std::to_string(i)).c_str(),
-                                              identity),
-                  0);
+        EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", made[i].second.c_str(), ("pw" + std::to_string(i)).c_str(),
+                                              identity), 0) << made[i].first;
     }
-    EXPECT_EQ(ids.size(), static_cast<std::size_t>(count));
-    auto mode = fs::status(drive_root / ".vtr_apps").permissions();
-    EXPECT_EQ(mode & fs::perms::group_all, fs::perms::none);
-    EXPECT_EQ(mode & fs::perms::others_all, fs::perms::none);
-}
-
-TEST_F(AppStorage, VerifyAccessResults) {
-    answer made = run({"create_app_storage", "UT_APPSTORE", "Secret 1"});
-    ASSERT_EQ(made.result, 0);
-    std::string other_id = std::to_string((std::stoll(made.id) + 1) % 2147483647);
-    std::string identity_file =
-        (drive_root / ".vtr_apps" / (".vtr_app_" + made.id) / (".id_" + made.id)).string();
-    struct row { const char *drive; const char *id; const char *password; int32_t expected; };
-    const row rows[] = {
-        {"UT_APPSTORE", made.id.c_str(), "Secret 1", 0},
-        {"/UT_APPSTORE", made.id.c_str(), "Secret 1", 0},
-        {drive_root.c_str(), made.id.c_str(), "Secret 1", 0},
-        {"UT_APPSTORE", made.id.c_str(), "secret 1", 1},   // case matters
-        {"UT_APPSTORE", made.id.c_str(), "Secret 1 ", 1},  // so does length
-        {"UT_APPSTORE", made.id.c_str(), "", 1},
-        {"UT_APPSTORE", other_id.c_str(), "Secret 1", 401},
-        {"UT_APPSTORE", "x", "Secret 1", 401},
-        {"OTHER_DRIVE", made.id.c_str(), "Secret 1", 401},
-        {"smb://unknown/share", made.id.c_str(), "Secret 1", 1},
-        {nullptr, made.id.c_str(), "Secret 1", 1},
-        {"UT_APPSTORE", nullptr, "Secret 1", 1},
-        {"UT_APPSTORE", made.id.c_str(), nullptr, 1},
-    };
-    for (const row &r : rows) {
-        plugin::path_buffer identity;
-        EXPECT_EQ(appstore::verify_app_access(r.drive, r.id, r.password, identity), r.expected)
-            << (r.drive ? r.drive : "null") << " " << (r.id ? r.id : "null") << " " << (r.password ? r.password : "null");
-        if (r.expected == 0) {
-            EXPECT_EQ(std::string(identity), identity_file);
-        }
-    }
-    // An emptied identity file opens with no password, not even the empty one.
-    std::ofstream(identity_file, std::ios::trunc).close();
-    plugin::path_buffer identity;
-    EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", made.id.c_str(), "", identity), 1);
-    EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", made.id.c_str(), "Secret 1", identity), 1);
-}
-
-TEST_F(AppStorage, PathsBeyondTheBuffersAnswer1) {
-    // A drive folder whose path nearly fills a path buffer: the storage
-    // folder's name no longer fits.
-    fs::path deep = drive_root;
-    while (deep.string().size() < 4060) deep /= std::string(std::min<std::size_t>(200, 4060 - deep.string().size()), 'd');
-    fs::create_directories(deep);
-    std::string relative = deep.string().substr(std::string("/opt/vtrhttpd/localhost.drives/").size());
-    EXPECT_EQ(run({"create_app_storage", relative, "pw"}).result, 1);
-    EXPECT_EQ(run({"delete_app_storage", relative, "1234567890", "pw"}).result, 1);
-    EXPECT_EQ(run({"delete_app_storage", relative, "5", "pw"}).result, 401);  // still fits
-    EXPECT_EQ(run({"delete_all_app_storage", relative}).result, 0);           // ".vtr_apps" fits
-    EXPECT_FALSE(fs::exists(deep / ".vtr_apps"));
-    EXPECT_EQ(run({"create_app_storage", std::string(5000, 'x'), "pw"}).result, 1);
-
-    answer made = run({"create_app_storage", "UT_APPSTORE", "pw"});
-    ASSERT_EQ(made.result, 0);
-    EXPECT_EQ(run({"create_app_storage_file", std::string(4080, 'n'), "UT_APPSTORE", made.id, "pw"}).result, 1);
-    EXPECT_EQ(run({"create_app_storage_file", "ok.txt", "UT_APPSTORE", made.id, "pw"}).result, 0);
+    EXPECT_EQ(ids.size(), 8u);
+    EXPECT_EQ(tu::fs::status(drive.at(".vtr_apps")).permissions() & tu::fs::perms::mask, tu::fs::perms::owner_all);
+    // A drive folder whose path nearly fills a path buffer: the storage folder's name no longer fits.
+    std::string deep = drive.root;
+    while (deep.size() < 4060) deep += "/" + std::string(std::min<std::size_t>(199, 4059 - deep.size()), 'd');
+    tu::fs::create_directories(deep);
+    std::string relative = deep.substr(tu::drives_root.size() + 1);
+    for (auto [words, result] : {std::pair<std::vector<std::string>, int32_t>{{"create_app_storage", relative, "pw"}, 1},
+                                 {{"delete_app_storage", relative, "1234567890", "pw"}, 1},
+                                 {{"delete_app_storage", relative, "5", "pw"}, 401},  // still fits
+                                 {{"delete_all_app_storage", relative}, 0},  // ".vtr_apps" fits
+                                 {{"create_app_storage", std::string(5000, 'x'), "pw"}, 1},
+                                 {{"create_app_storage_file", std::string(4080, 'n'), "UT_APPSTORE", made[0].second, "pw0"}, 1},
+                                 {{"create_app_storage_file", "ok.txt", "UT_APPSTORE", made[0].second, "pw0"}, 0}})
+        EXPECT_EQ(tu::run(words).result, result) << words[0] << " " << words[1].size();
 }
 
 }  // namespace

@@ -1,229 +1,107 @@
 // The file index: every row of the folder-counting table, the sort orders,
-// the drive-label order at the drives root, exact names, the split of the
-// client's path, and the count over a network client answer file.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
+// the drive-label order at the drives root, exact names and the split of
+// the client's path. (The count over a network answer is end-to-end.)
 #include <sys/time.h>
 
-#include <cstdio>
-#include <string>
-#include <vector>
-
 #include "listing/file_index.h"
-#include "search_fixtures.h"
+#include "test_util.h"
 
 namespace {
 
-using search_fixtures::answer;
-using search_fixtures::drive_tree;
-using search_fixtures::run;
-
-answer index_of(const std::string &entry, const std::string &filter, const std::string &sort,
-                const std::string &folders, const std::string &files) {
-    return run({"get_user_storage_file_index", entry, filter, sort, folders, files});
+tu::answer index_of(const std::string &entry, const std::string &filter, const std::string &sort,
+                    const std::string &folders = "true", const std::string &files = "true") {
+    return tu::run({"get_user_storage_file_index", entry, filter, sort, folders, files});
 }
 
 // f/: a_plain/ (ordinary), b_bd/ (Blu-ray structure), c.avi, d.mp3, e.jpg,
 // f.unknownext, and entries never counted: .hidden/, $RECYCLE.BIN/,
 // lost+found/, .dot.avi
-class FileIndex : public ::testing::Test {
-protected:
+struct FileIndex : ::testing::Test {
+    std::unique_ptr<tu::drive_tree> tree;
     void SetUp() override {
         REQUIRE_SANDBOX();
-        tree = std::make_unique<drive_tree>("INDEX_DRIVE");
-        tree->dir("f");
-        tree->dir("f/a_plain");
-        tree->dir("f/b_bd");
-        tree->dir("f/b_bd/BDMV");
-        tree->file("f/b_bd/BDMV/index.bdmv");
-        tree->file("f/b_bd/BDMV/MovieObject.bdmv");
+        tree = std::make_unique<tu::drive_tree>("INDEX_DRIVE");
+        for (const char *d : {"f/a_plain", "f/.hidden", "f/$RECYCLE.BIN", "f/lost+found"}) tree->dir(d);
+        for (const char *f : {"f/b_bd/BDMV/index.bdmv", "f/b_bd/BDMV/MovieObject.bdmv", "f/f.unknownext", "f/.dot.avi"})
+            tree->file(f);
         tree->file("f/c.avi", "333");
         tree->file("f/d.mp3", "1");
         tree->file("f/e.jpg", "22");
-        tree->file("f/f.unknownext");
-        tree->dir("f/.hidden");
-        tree->dir("f/$RECYCLE.BIN");
-        tree->dir("f/lost+found");
-        tree->file("f/.dot.avi");
     }
     std::string entry(const std::string &name) const { return tree->at("f/" + name); }
-    std::unique_ptr<drive_tree> tree;
 };
 
 TEST_F(FileIndex, FolderCountingTable) {
-    struct row {
-        const char *folders, *files, *filter;
-        std::vector<std::string> counted;  // in name order
-    };
+    struct row { const char *folders, *files, *filter, *counted; };  // counted: in name order
     const row rows[] = {
-        // folders hidden, files shown, empty or "video": only disc-structure folders
-        {"false", "true", "", {"b_bd", "c.avi", "d.mp3", "e.jpg"}},
-        {"false", "true", "video", {"b_bd", "c.avi"}},
-        // folders hidden, any other case: no folders
-        {"false", "true", "music", {"d.mp3"}},
-        {"false", "false", "", {}},
-        {"FALSE", "false", "video", {}},
-        // folders shown, files hidden, empty or "video": only ordinary folders
-        {"true", "false", "", {"a_plain"}},
-        {"true", "False", "video", {"a_plain"}},
-        // folders shown, "photo" or "music": only ordinary folders
-        {"true", "true", "photo", {"a_plain", "e.jpg"}},
-        {"yes", "false", "music", {"a_plain"}},
-        // folders shown, files shown, empty, "video" or another filter: all folders
-        {"true", "true", "", {"a_plain", "b_bd", "c.avi", "d.mp3", "e.jpg"}},
-        {"true", "true", "video", {"a_plain", "b_bd", "c.avi"}},
-        {"true", "true", "torrent", {"a_plain", "b_bd"}},
-        {"true", "true", "image/jp", {"a_plain", "b_bd", "e.jpg"}},
-        // folders shown, files hidden, a filter other than the four: all folders
-        {"true", "false", "torrent", {"a_plain", "b_bd"}},
+        // folders hidden, files shown, empty or "video": only disc-structure folders; otherwise no folders
+        {"false", "true", "", "b_bd c.avi d.mp3 e.jpg"}, {"false", "true", "video", "b_bd c.avi"},
+        {"false", "true", "music", "d.mp3"}, {"false", "false", "", ""}, {"FALSE", "false", "video", ""},
+        // folders shown, files hidden, empty or "video" (and with "photo" or "music"): only ordinary folders
+        {"true", "false", "", "a_plain"}, {"true", "False", "video", "a_plain"},
+        {"true", "true", "photo", "a_plain e.jpg"}, {"yes", "false", "music", "a_plain"},
+        // folders and files shown, or another filter: all folders
+        {"true", "true", "", "a_plain b_bd c.avi d.mp3 e.jpg"}, {"true", "true", "video", "a_plain b_bd c.avi"},
+        {"true", "true", "torrent", "a_plain b_bd"}, {"true", "true", "image/jp", "a_plain b_bd e.jpg"},
+        {"true", "false", "torrent", "a_plain b_bd"},
     };
-    const std::string all[] = {"a_plain", "b_bd", "c.avi", "d.mp3", "e.jpg", "f.unknownext"};
     for (const row &r : rows) {
-        for (const std::string &name : all) {
-            answer a = index_of(entry(name), r.filter, "name_asc", r.folders, r.files);
-            ASSERT_EQ(a.result, 0) << name;
-            EXPECT_EQ(vtrsim::child_tags(a.root), (std::vector<std::string>{"index", "total"}));
-            EXPECT_EQ(a.text("total"), std::to_string(r.counted.size()))
-                << r.folders << "/" << r.files << "/" << r.filter;
-            std::string expected;
-            for (std::size_t i = 0; i < r.counted.size(); ++i)
-                if (r.counted[i] == name) expected = std::to_string(i + 1);
-            EXPECT_EQ(a.text("index"), expected) << name << " " << r.folders << "/" << r.files << "/" << r.filter;
+        std::string got;
+        for (const char *name : {"a_plain", "b_bd", "c.avi", "d.mp3", "e.jpg", "f.unknownext"}) {
+            tu::answer a = index_of(entry(name), r.filter, "name_asc", r.folders, r.files);
+            ASSERT_EQ(vtrsim::child_tags(a.root), (std::vector<std::string>{"index", "total"})) << a.result;
+            got += a.text("index") + "/" + a.text("total") + " ";
         }
+        std::string want, names = std::string(r.counted) + " ";
+        int total = 0;
+        for (char c : names) total += c == ' ';
+        total -= names.size() == 1;
+        for (const char *name : {"a_plain ", "b_bd ", "c.avi ", "d.mp3 ", "e.jpg ", "f.unknownext "}) {
+            std::size_t at = names.find(name);
+            int index = 0;
+            for (std::size_t i = 0; at != std::string::npos && i < at; ++i) index += names[i] == ' ';
+            want += (at == std::string::npos ? "" : std::to_string(index + 1)) + "/" + std::to_string(total) + " ";
+        }
+        EXPECT_EQ(got, want) << r.folders << "/" << r.files << "/" << r.filter;
     }
 }
 
-TEST_F(FileIndex, SortOrders) {
-    struct timeval old_times[2] = {{1000000000, 0}, {1000000000, 0}};
-    struct timeval new_times[2] = {{1500000000, 0}, {1500000000, 0}};
+TEST_F(FileIndex, SortOrdersAndPathForms) {
+    struct timeval old_times[2] = {{1000000000, 0}, {1000000000, 0}}, new_times[2] = {{1500000000, 0}, {1500000000, 0}};
     ASSERT_EQ(::utimes(entry("d.mp3").c_str(), new_times), 0);
     ASSERT_EQ(::utimes(entry("c.avi").c_str(), old_times), 0);
     ASSERT_EQ(::utimes(entry("e.jpg").c_str(), old_times), 0);
-    struct row {
-        const char *sort;
-        const char *name;
-        const char *index;
-    };
     // Counted: a_plain, b_bd, c.avi (3 bytes), d.mp3 (1 byte, newest), e.jpg (2 bytes)
-    const row rows[] = {
-        {"name_asc", "c.avi", "3"},   {"NAME_DSC", "a_plain", "2"}, {"name_dsc", "e.jpg", "3"},
-        {"size_asc", "d.mp3", "3"},   {"size_asc", "c.avi", "5"},   {"Size_Dsc", "c.avi", "3"},
-        {"size_dsc", "b_bd", "1"},    {"date_dsc", "d.mp3", "3"},   {"date_asc", "d.mp3", "5"},
-        {"bogus", "c.avi", "3"},
-    };
-    for (const row &r : rows) {
-        answer a = index_of(entry(r.name), "", r.sort, "true", "true");
-        ASSERT_EQ(a.result, 0);
-        EXPECT_EQ(a.text("index"), r.index) << r.sort << " " << r.name;
-        EXPECT_EQ(a.text("total"), "5");
-    }
-}
-
-TEST_F(FileIndex, PathForms) {
-    answer plain = index_of(entry("a_plain"), "", "", "true", "true");
-    answer slashes = index_of(entry("a_plain") + "///", "", "", "true", "true");
-    EXPECT_EQ(plain.text("index"), "1");
-    EXPECT_EQ(slashes.xml(), plain.xml());
-    // exact names: both spellings exist and stand at their own places
-    tree->file("f/Movie.avi");
+    struct row { const char *sort, *name, *index; };
+    for (row r : {row{"name_asc", "c.avi", "3"}, {"NAME_DSC", "a_plain", "2"}, {"name_dsc", "e.jpg", "3"},
+                  {"size_asc", "d.mp3", "3"}, {"size_asc", "c.avi", "5"}, {"Size_Dsc", "c.avi", "3"},
+                  {"size_dsc", "b_bd", "1"}, {"date_dsc", "d.mp3", "3"}, {"date_asc", "d.mp3", "5"},
+                  {"bogus", "c.avi", "3"}})
+        EXPECT_EQ(index_of(entry(r.name), "", r.sort).text("index") + "/" + index_of(entry(r.name), "", r.sort).text("total"),
+                  std::string(r.index) + "/5") << r.sort << " " << r.name;
+    EXPECT_EQ(index_of(entry("a_plain") + "///", "", "").xml(), index_of(entry("a_plain"), "", "").xml());
+    tree->file("f/Movie.avi");  // exact names: both spellings stand at their own places
     tree->file("f/movie.avi");
-    answer upper = index_of(entry("Movie.avi"), "", "", "true", "true");
-    answer lower = index_of(entry("movie.avi"), "", "", "true", "true");
-    EXPECT_EQ(upper.text("total"), "7");
-    EXPECT_NE(upper.text("index"), lower.text("index"));
-    EXPECT_TRUE(upper.text("index") == "6" || upper.text("index") == "7");
-    EXPECT_TRUE(lower.text("index") == "6" || lower.text("index") == "7");
-
-    struct row {
-        std::string path;
-        int32_t result;
-    };
-    const row rows[] = {
-        {entry("missing.avi"), 11},
-        {"INDEX_DRIVE/f/c.avi", 4},  // exists once translated; the parent is then read as written
-        {"INDEX_DRIVE", 11},         // no "/" to split at
-        {"/", 11},
-        {"smb://unknown-nas/share/x.avi", 11},
-    };
-    for (const row &r : rows) EXPECT_EQ(index_of(r.path, "", "", "true", "true").result, r.result) << r.path;
-    EXPECT_EQ(run({"get_user_storage_file_index", entry("c.avi"), "", "", "true"}).result, 1);
+    std::string upper = index_of(entry("Movie.avi"), "", "").text("index"), lower = index_of(entry("movie.avi"), "", "").text("index");
+    EXPECT_TRUE((upper == "6" && lower == "7") || (upper == "7" && lower == "6")) << upper << " " << lower;
+    struct path { std::string path; int32_t result; };
+    for (const path &r : {path{entry("missing.avi"), 11}, {"INDEX_DRIVE/f/c.avi", 4},  // parent then read as written
+                          {"INDEX_DRIVE", 11}, {"/", 11}, {"smb://unknown-nas/share/x.avi", 11}})
+        EXPECT_EQ(index_of(r.path, "", "").result, r.result) << r.path;
+    EXPECT_EQ(tu::run({"get_user_storage_file_index", entry("c.avi"), "", "", "true"}).result, 1);
 }
 
 TEST(FileIndexRoot, DriveLabelOrder) {
     REQUIRE_SANDBOX();
-    drive_tree a("USB_DRIVE_A"), b("USB_DRIVE_B"), c("SATA_DISK_C"), share("NETWORK_SHARE");
-    FILE *names = std::fopen("/tmp/usb_name.txt", "w");
-    ASSERT_NE(names, nullptr);
-    std::fputs("USB_DRIVE_A|Zeta stick\nUSB_DRIVE_B|alpha stick\nSATA_DISK_C|Middle disk\n", names);
-    std::fclose(names);
-    struct row {
-        const char *sort;
-        const char *drive;
-        const char *index;
-    };
-    const row rows[] = {
-        {"", "USB_DRIVE_B", "1"}, {"", "SATA_DISK_C", "2"}, {"", "USB_DRIVE_A", "3"},
-        {"name_dsc", "USB_DRIVE_A", "1"}, {"name_dsc", "USB_DRIVE_B", "3"}, {"", "NETWORK_SHARE", ""},
-    };
-    for (const row &r : rows) {
-        answer x = index_of(std::string("/opt/vtrhttpd/localhost.drives/") + r.drive, "music", r.sort, "true", "true");
-        ASSERT_EQ(x.result, 0);
-        EXPECT_EQ(x.text("index"), r.index) << r.sort << " " << r.drive;
-        EXPECT_EQ(x.text("total"), "3");
+    tu::drive_tree a("USB_DRIVE_A"), b("USB_DRIVE_B"), c("SATA_DISK_C"), share("NETWORK_SHARE");
+    tu::write_file("/tmp/usb_name.txt", "USB_DRIVE_A|Zeta stick\nUSB_DRIVE_B|alpha stick\nSATA_DISK_C|Middle disk\n");
+    struct row { const char *sort, *drive, *index; };
+    for (row r : {row{"", "USB_DRIVE_B", "1"}, {"", "SATA_DISK_C", "2"}, {"", "USB_DRIVE_A", "3"},
+                  {"name_dsc", "USB_DRIVE_A", "1"}, {"name_dsc", "USB_DRIVE_B", "3"}, {"", "NETWORK_SHARE", ""}}) {
+        tu::answer x = index_of(tu::drives_root + "/" + r.drive, "music", r.sort);
+        EXPECT_EQ(x.text("index") + "/" + x.text("total"), std::string(r.index) + "/3") << r.sort << " " << r.drive;
     }
-    std::remove("/tmp/usb_name.txt");
-}
-
-TEST(FileIndexNetwork, AnswerFileCount) {
-    char path[] = "/tmp/index_answer_XXXXXX";
-    int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    std::string long_name(300, 'n');
-    std::string text =
-        "4|2|Mon Jan  1 00:00:00 2024|10\nurl=smb://nas/share/dir\n"
-        "folderA|0|Mon Jan  1 00:00:00 2024|1\nurl=smb://nas/share/dir/folderA\n"
-        "clip.avi|10|Mon Jan  1 00:00:00 2024|4\nurl=smb://nas/share/dir/clip.avi\n"
-        "song.mp3|10|Mon Jan  1 00:00:00 2024|2\nsmb://nas/share/dir/song.mp3\n"
-        "weird|0|x|6\nurl=smb://nas/share/dir/weird.avi\n"
-        "unknown.avi|1|x|0\nurl=smb://nas/share/dir/unknown.avi\n"
-        "other.mp3|1|x|9\nurl=smb://nas/share/dir/other.mp3\n"
-        "disc|0|x|12\nurl=smb://nas/share/dir/disc\n"
-        "\nurl=smb://nas/share/dir/empty-field-line.avi\n"
-        "extra.avi|1|x|4|f5|f6|f7\nurl=smb://nas/share/dir/extra.avi\n" +
-        long_name + "|1|x|4\nurl=smb://nas/share/dir/long.avi\n";
-    ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    ::close(fd);
-    struct row {
-        bool folders, files;
-        const char *filter;
-        const char *name;
-        int32_t index, total;
-    };
-    const row rows[] = {
-        {true, true, "", "clip.avi", 2, 6},
-        {true, true, "", "disc", 4, 6},
-        {true, true, "", "weird", 0, 6},
-        {true, true, "", "extra.avi", 5, 6},
-        {true, true, "video", "disc", 3, 5},       // kind "12" begins with "1": no MIME test
-        {true, true, "music", "song.mp3", 2, 3},   // folderA, song.mp3, disc
-        {true, false, "", "folderA", 1, 1},
-        {false, true, "", "disc", 3, 5},
-        {false, false, "", "disc", 4, 6},
-    };
-    for (const row &r : rows) {
-        listing::index_count count;
-        listing::count_network_answer(path, r.name, r.filter, r.folders, r.files, count);
-        EXPECT_EQ(count.index, r.index) << r.name << " " << r.filter << r.folders << r.files;
-        EXPECT_EQ(count.total, r.total) << r.name << " " << r.filter << r.folders << r.files;
-    }
-    listing::index_count count;
-    listing::count_network_answer(path, long_name.c_str(), "", true, true, count);
-    EXPECT_EQ(count.index, 0) << "names are kept to 255 characters";
-    std::remove(path);
-    count.total = 99;
-    listing::count_network_answer(path, "x", "", true, true, count);
-    EXPECT_EQ(count.total, 0);
+    ::unlink("/tmp/usb_name.txt");
 }
 
 }  // namespace

@@ -1,0 +1,138 @@
+// The storage module's tables: path translation with its "%" rule and
+// length limit, the read span with unsigned 32-bit client counts, the owner
+// permission text, errno to result code, the MIME table and lookup, and the
+// reserved area's quota in the free-space check.
+#include <strings.h>
+
+#include <cerrno>
+
+#include "storage/file_commands.h"
+#include "storage/manage_commands.h"
+#include "storage/mime.h"
+#include "storage/paths.h"
+#include "test_util.h"
+
+namespace {
+
+std::string translate(const std::string &in, int32_t *kind) {
+    plugin::path_buffer b;
+    std::memset(b, 'Z', sizeof b);
+    std::memcpy(b, in.c_str(), in.size() + 1);
+    *kind = storage::translate_storage_path(b);
+    return b;
+}
+
+TEST(TranslateStoragePath, FormsAndLimits) {
+    const std::string root = "/opt/vtrhttpd/localhost.drives";
+    struct row { std::string in, out; };
+    for (const row &r : {row{"USB_DRIVE/a.txt", root + "/USB_DRIVE/a.txt"}, {"/USB_DRIVE/a", root + "/USB_DRIVE/a"},
+                         {"", root + "/"}, {"SMB://host/x", root + "/SMB://host/x"}, {root + "/A/b", root + "/A/b"},
+                         {root + "X/b", root + "X/b"},  // prefix comparison only
+                         {root + "/A/100%%_%s%n%x", root + "/A/100%_%s%n%x"},  // "%%" becomes "%", nothing else
+                         {"A/%s%%", root + "/A/%s%%"}}) {  // relative paths are taken literally
+        int32_t kind = 0;
+        EXPECT_EQ(translate(r.in, &kind), r.out) << r.in;
+        EXPECT_EQ(kind, 2) << r.in;
+    }
+    int32_t kind = 0;
+    std::string near(4095 - 30, 'a');  // becomes root + "/" + 4065 = 4096 characters: too long
+    EXPECT_EQ(translate(near, &kind), near);
+    EXPECT_EQ(kind, -1);
+    EXPECT_EQ(translate(std::string(4095 - 31, 'a'), &kind).size(), 4095u);
+    EXPECT_EQ(kind, 2);
+    plugin::path_buffer b;
+    EXPECT_EQ(storage::load_and_translate(b, std::string(4096, 'x').c_str()), -1);
+    EXPECT_EQ(storage::load_and_translate(b, nullptr), -1);
+}
+
+// Bytes a read returns for a file of `size` bytes: the span's read length,
+// clipped by what lies after the offset; the buffer never asks for more.
+uint64_t bytes_returned(uint32_t offset, uint32_t count, uint64_t size) {
+    storage::read_span s = storage::plan_read(offset, count, size + 1);
+    EXPECT_EQ(s.offset, offset);
+    uint64_t readable = offset < size ? size - offset : 0, wanted = s.buffer_size - 1;
+    EXPECT_LE(wanted, readable) << offset << " " << count << " " << size;
+    return std::min(wanted, readable);
+}
+
+TEST(ReadSpan, Ranges) {
+    struct row { uint32_t offset, count; uint64_t size, expected; };
+    const row rows[] = {
+        {0, 0, 10, 10}, {0, 0, 0, 0}, {2, 3, 10, 3}, {0, 10, 10, 10}, {0, 9, 10, 9}, {7, 0, 10, 3}, {7, 100, 10, 3},
+        {9, 1, 10, 1}, {10, 0, 10, 0}, {10, 5, 10, 0}, {11, 5, 10, 0}, {4000000000u, 0, 10, 0},
+        // counts that wrap a 32-bit sum: "-1" from atoi is 4294967295
+        {1, UINT32_MAX, 10, 9}, {UINT32_MAX, 2, 10, 0}, {UINT32_MAX, UINT32_MAX, 10, 0}, {3, 0xFFFFFFFEu, 10, 7},
+        {0, 16, 5000000000ull, 16}, {4294967295u, 0, 5000000000ull, 5000000000ull - 4294967295u},  // beyond 4 GiB
+    };
+    for (const row &r : rows)
+        EXPECT_EQ(bytes_returned(r.offset, r.count, r.size), r.expected) << r.offset << " " << r.count << " " << r.size;
+}
+
+TEST(StorageTables, PermissionTextAndErrnoResults) {
+    struct perm { unsigned mode; const char *text; };
+    for (perm r : {perm{0, ""}, {S_IFREG | 0077, ""}, {S_IFREG | 0400, " read"}, {S_IFREG | 0600, " read write"},
+                   {S_IFDIR | 0500, " read execute"}, {0200, " write"}, {0100, " execute"},
+                   {S_IFREG | 04777, " read write execute"}}) {
+        char out[32];
+        std::memset(out, 'Z', sizeof out);
+        storage::owner_permission_text(r.mode, out);
+        EXPECT_STREQ(out, r.text) << std::oct << r.mode;
+    }
+    struct code { int error; int32_t result; };
+    for (code r : {code{EACCES, 402}, {EROFS, 60}, {EBUSY, 2}, {ETXTBSY, 2}, {EEXIST, 52}, {ENOSPC, 22}, {EPERM, 4},
+                   {ENOENT, 4}, {EXDEV, 4}, {ENOTEMPTY, 4}, {EISDIR, 4}, {0, 4}})
+        EXPECT_EQ(storage::result_for_errno(r.error), r.result) << r.error;
+}
+
+TEST(Mime, SortedStableTableAndLookup) {
+    storage::sort_mime_table();
+    for (int i = 1; i < mime_table_size; ++i)
+        EXPECT_LE(::strcasecmp(file_mime_table[i - 1].extension, file_mime_table[i].extension), 0) << i;
+    for (int i = 0; i < mime_table_size; ++i) {  // with duplicates the first row met wins
+        const MimeEntry &e = file_mime_table[i];
+        if (std::strcmp(e.type, "video/mpe") == 0) continue;
+        EXPECT_STREQ(storage::mime_type_for_path((std::string("file") + e.extension).c_str()), e.type) << e.extension;
+    }
+    struct row { const char *path, *type; };
+    for (row r : {row{"A.MP3", "audio/mpeg"}, {"x.JPE", "image/jpeg"}, {"noext", "none"}, {"trailing.", "none"},
+                  {"music.old/track", "none"}, {".mp3", "audio/mpeg"}, {"movie.mp4.part", "none"}, {"a.mpe", "video/mpeg"},
+                  {"x.dvr-ms", "video/dvr-ms"}, {"/a.b/c.mkv", "video/mkv"}, {"", "none"}})
+        EXPECT_STREQ(storage::mime_type_for_path(r.path), r.type) << r.path;
+    EXPECT_EQ(storage::mime_type_for_path("x.unknown"), storage::mime_none);
+}
+
+// The reserved area's 20 MiB quota on the real drives root: exact up to the quota left.
+const std::string reserved = "/opt/vtrhttpd/localhost.drives/.reserved";
+const std::string sibling = "/opt/vtrhttpd/localhost.drives/.reservedX";
+
+long long du_bytes() {
+    FILE *p = ::popen("du -sL /opt/vtrhttpd/localhost.drives/.reserved 2>/dev/null", "r");
+    long long kib = 0;
+    if (p == nullptr || std::fscanf(p, "%lld", &kib) != 1) kib = 0;
+    if (p != nullptr) ::pclose(p);
+    return kib * 1024;
+}
+
+TEST(ReservedQuota, FitsExactlyUpToTheQuotaLeft) {
+    REQUIRE_SANDBOX();
+    tu::drive_tree area(reserved), other(sibling);
+    area.file("part", std::string(19u << 20, 'r'));
+    long long left = storage::reserved_quota - du_bytes();
+    ASSERT_GT(left, 0);
+    ASSERT_LT(left, 2 << 20);
+    const std::string inside = reserved + "/app/file";
+    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left), inside.c_str()), 0);
+    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1), inside.c_str()), 1);
+    EXPECT_EQ(storage::check_free_space(0, reserved.c_str()), 0);
+    // A sibling whose name continues ".reserved" shares the quota.
+    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1), (sibling + "/f").c_str()), 1);
+    // Elsewhere on the same file system the partition's free space counts.
+    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1),
+                                        "/opt/vtrhttpd/localhost.drives"), 0);
+    area.file("all", std::string(2u << 20, 'r'));  // a full area refuses even one byte
+    EXPECT_EQ(storage::check_free_space(1, (reserved + "/x").c_str()), 1);
+    EXPECT_EQ(storage::check_free_space(0, (reserved + "/x").c_str()), 0);
+    EXPECT_EQ(storage::check_free_space(1, nullptr), 1);
+}
+
+}  // namespace
