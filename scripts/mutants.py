@@ -56,7 +56,10 @@ RELAXED = ["parentheses", "type-limits", "unused-variable", "unused-but-set-vari
            "unused-function", "unused-parameter", "unused-result", "bool-compare",
            "tautological-compare", "sign-compare", "array-bounds", "stringop-overflow",
            "stringop-truncation", "format-truncation", "restrict", "int-in-bool-context",
-           "address", "logical-not-parentheses", "nonnull-compare", "use-after-free"]
+           "address", "logical-not-parentheses", "nonnull-compare", "use-after-free", "nonnull",
+           "maybe-uninitialized", "uninitialized", "stringop-overread", "format-overflow",
+           "dangling-pointer", "free-nonheap-object", "aggressive-loop-optimizations", "overflow",
+           "div-by-zero", "unused-value", "empty-body", "misleading-indentation"]
 SCRATCH_FLAGS = " ".join("-Wno-error=" + w for w in RELAXED)
 
 # Calls whose deletion is a mutant (a whole statement `name(...);` or `::name(...);`).
@@ -514,7 +517,7 @@ def main():
     ap.add_argument("--replay", metavar="FILE", help="run the mutants of FILE, re-located by line text")
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--sites", action="store_true", help="print the site counts per module and operator")
-    ap.add_argument("--only", help="comma-separated mutant ids to run")
+    ap.add_argument("--only", help="comma-separated mutant ids to (re)run; other results of --out are kept")
     ap.add_argument("--out", metavar="FILE", help="results file, rewritten after every mutant")
     ap.add_argument("--resume", action="store_true", help="skip the mutants already in --out")
     ap.add_argument("--timeout", type=float, default=300, help="seconds of tests per mutant (default 300)")
@@ -560,17 +563,16 @@ def main():
         return 0
 
     out = Path(args.out) if args.out else None
-    results = read_results(out) if args.resume else {}
     only = set(args.only.split(",")) if args.only else None
+    # --only keeps the other results of --out and reruns the named ones.
+    results = read_results(out) if args.resume or only else {}
+    for mid in only or ():
+        results.pop(mid, None)
     todo = [m for m in mutants if (only is None or m["id"] in only) and m["id"] not in results]
     for m in todo:
         if m["gone"]:
             results[m["id"]] = ("gone", "")
     todo = [m for m in todo if not m["gone"]]
-    if only is not None:
-        for mid in list(results):
-            if mid in only and mid not in {m["id"] for m in todo} and results[mid][0] != "gone":
-                del results[mid]
 
     commit = subprocess.run(["git", "-C", str(repo), "rev-parse", "--short", "HEAD"],
                             stdout=subprocess.PIPE, text=True).stdout.strip()
