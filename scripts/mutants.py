@@ -586,11 +586,18 @@ def main():
 
     def record(m, status, detail, seconds):
         with lock:
-            results[m["id"]] = (status, detail + (f", {seconds:.0f} s" if seconds else ""))
+            results[m["id"]] = (status, ", ".join(x for x in (detail, f"{seconds:.0f} s") if x))
             print(f"{m['id']:<4} {status:<8} {m['file']}:{m['line']} [{m['op']} #{m['occurrence']}] "
                   f"{m['before']}  ->  {m['after']}  ({results[m['id']][1]})", flush=True)
             if out:
                 out.write_text(format_results(mutants, results, header))
+
+    if not todo:
+        text = format_results(mutants, results, header)
+        if out:
+            out.write_text(text)
+        print("nothing left to run\n" + text.rstrip().split("\n\n")[-1])
+        return 0
 
     scratch_base = Path(args.scratch) if args.scratch else Path("/work/mutants-scratch") / repo.name
     runners = []
