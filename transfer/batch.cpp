@@ -83,6 +83,7 @@ void run_batch(BatchJob &job) noexcept {
     plugin::path_buffer source{};
     plugin::path_buffer target{};
     char label[label_size] = {};
+    copy_ring ring;  // buffers and readers shared by the batch's files
     while (get_filename(fd, source, sizeof source, label) == 1) {
         auto send = [&](int32_t percent, int32_t status) noexcept {
             post_transfer_event(job.operation, base_name(source), label, to, progress.item, progress.total, percent,
@@ -129,10 +130,10 @@ void run_batch(BatchJob &job) noexcept {
                 last = move_by_rename(source, target, progress, label, to);
             } else {
                 if (isdir(source) != 0) {
-                    last = copy_folder_with_progress(source, target, progress, job.operation, label, to);
+                    last = copy_folder_with_progress(source, target, progress, job.operation, label, to, &ring);
                     source[source_length] = '\0';
                 } else {
-                    last = copy_file_with_progress(source, target, progress, job.operation, label, to);
+                    last = copy_file_with_progress(source, target, progress, job.operation, label, to, &ring);
                 }
                 if (move && last == 0) {
                     // The copy reaches the disk before its source goes.
@@ -152,6 +153,7 @@ void run_batch(BatchJob &job) noexcept {
             failed = true;
         ::sync();
     }
+    finish_copy_ring(ring);
     list.reset();
     if (last == 0) ::unlink(selection_file);
     send_batch_end(job, progress.total, last == 0 && !failed ? 0 : +rc::io);
