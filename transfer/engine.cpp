@@ -130,6 +130,25 @@ constexpr std::size_t cached_targets_max = 32;
 
 }  // namespace
 
+namespace {
+
+enum prefetch_state { pf_free, pf_queued, pf_reading, pf_ready };
+
+// A small file read ahead by a reader: its descriptor, opened as the copy
+// would open it, and its bytes. The direct-read test's outcome waits for
+// the batch thread, which reports it when it copies the file.
+struct prefetch_record {
+    plugin::path_buffer path;
+    prefetch_state state = pf_free;
+    uint64_t order = 0;
+    int fd = -1;
+    bool direct = false;
+    int64_t size = 0;
+    ssize_t got = -1;
+};
+
+}  // namespace
+
 // The shared part of a batch's copy ring. The mutex guards the reading
 // state; each buffer belongs either to the batch thread or, while its chunk
 // is read, to one reader.
@@ -157,6 +176,12 @@ struct ring_state {
     ssize_t got[ring_slots] = {};
     int error[ring_slots] = {};
 
+    // Files of a folder read ahead whole, one into each buffer but the
+    // first, while earlier ones are written (only while no file is read
+    // ahead chunk by chunk). Record j reads into buffer j + 1.
+    prefetch_record ahead[ring_slots - 1];
+    uint64_t queued = 0;  // order of the requests
+
     // Duplicates of targets written through the cache: their pages are
     // dropped (POSIX_FADV_DONTNEED) when the next ones come, after the
     // write-back started at their close had time to finish.
@@ -166,13 +191,54 @@ struct ring_state {
 
 namespace {
 
+// Whole-file probe length of the direct-read test: an odd number of
+// 512-byte blocks past the end of a file of `size` bytes, so that a device
+// needing larger blocks refuses it as it refuses one block.
+std::size_t whole_probe(int64_t size) noexcept {
+    const int64_t blocks = size / static_cast<int64_t>(copy_alignment) + 1;
+    return static_cast<std::size_t>((blocks | 1) * static_cast<int64_t>(copy_alignment));
+}
+
+// Opens and reads one small file ahead (on a reader, unlocked). Leaves
+// got -1 when the batch thread should do it all itself.
+void read_file_ahead(prefetch_record &f, char *buffer, std::size_t buffer_size) noexcept {
+    f.direct = true;
+    f.fd = open_maybe_direct(f.path, source_flags, &f.direct);
+    struct stat st{};
+    if (f.fd < 0 || ::fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
+    f.size = st.st_size;
+    if (f.direct && f.size < 1024) f.direct = ::fcntl(f.fd, F_SETFL, 0) != 0;  // O_DIRECT off
+    const std::size_t length = f.direct ? whole_probe(f.size) : buffer_size;
+    if (f.direct && length > buffer_size) return;
+    int error = 0;
+    ssize_t n = f.direct ? ::pread(f.fd, buffer, length, 0) : read_chunk(f.fd, buffer, length, 0, f.size, &error);
+    // Only a file read whole is kept.
+    if (n == f.size && n > 0 && static_cast<std::size_t>(n) < length) f.got = n;
+}
+
 void *read_ahead(void *argument) noexcept {
     auto &r = *static_cast<ring_state *>(argument);
     ::pthread_mutex_lock(&r.mutex);
     for (;;) {
-        while (!r.quit && !(r.fd >= 0 && r.next <= r.last && r.next - r.given_back < r.slots))
+        prefetch_record *file = nullptr;
+        for (;;) {
+            if (r.quit || (r.fd >= 0 && r.next <= r.last && r.next - r.given_back < r.slots)) break;
+            for (auto &f : r.ahead)
+                if (f.state == pf_queued && (file == nullptr || f.order < file->order)) file = &f;
+            if (file != nullptr) break;
             ::pthread_cond_wait(&r.wake, &r.mutex);
+        }
         if (r.quit) break;
+        if (file != nullptr) {
+            file->state = pf_reading;
+            char *const buffer = r.slot[file - r.ahead + 1];
+            ::pthread_mutex_unlock(&r.mutex);
+            read_file_ahead(*file, buffer, r.slot_size);
+            ::pthread_mutex_lock(&r.mutex);
+            file->state = pf_ready;
+            ::pthread_cond_broadcast(&r.read);
+            continue;
+        }
         const int64_t chunk = r.next++;
         const int s = static_cast<int>(chunk % r.slots);
         const int fd = r.fd;
@@ -191,6 +257,75 @@ void *read_ahead(void *argument) noexcept {
     }
     ::pthread_mutex_unlock(&r.mutex);
     return nullptr;
+}
+
+// Forgets a record (mutex held): its descriptor closed, its buffer free.
+void free_record(prefetch_record &f) noexcept {
+    if (f.fd >= 0) ::close(f.fd);
+    f.fd = -1;
+    f.got = -1;
+    f.state = pf_free;
+}
+
+// Drops every file read ahead, waiting for reads in flight (mutex held).
+void cancel_prefetches_locked(ring_state &r) noexcept {
+    for (;;) {
+        bool reading = false;
+        for (auto &f : r.ahead) {
+            if (f.state == pf_reading) reading = true;
+            else if (f.state != pf_free) free_record(f);
+        }
+        if (!reading) return;
+        ::pthread_cond_wait(&r.read, &r.mutex);
+    }
+}
+
+void cancel_prefetches(ring_state &r) noexcept {
+    ::pthread_mutex_lock(&r.mutex);
+    cancel_prefetches_locked(r);
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+// Asks the readers to read a file ahead; false when no buffer is free.
+bool request_prefetch(ring_state &r, const char *path) noexcept {
+    if (r.readers == 0) return false;
+    bool queued = false;
+    ::pthread_mutex_lock(&r.mutex);
+    for (auto &f : r.ahead) {
+        if (r.fd >= 0 || f.state != pf_free || !plugin::copy_text(f.path, path)) continue;
+        f.state = pf_queued;
+        f.order = r.queued++;
+        queued = true;
+        ::pthread_cond_broadcast(&r.wake);
+        break;
+    }
+    ::pthread_mutex_unlock(&r.mutex);
+    return queued;
+}
+
+// The record holding `path` read whole when it still has `size` bytes,
+// now the batch thread's; else nullptr (and the record, if any, dropped).
+prefetch_record *claim_prefetch(ring_state &r, const char *path, int64_t size) noexcept {
+    prefetch_record *found = nullptr;
+    ::pthread_mutex_lock(&r.mutex);
+    for (auto &f : r.ahead)
+        if (f.state != pf_free && std::strcmp(f.path, path) == 0) found = &f;
+    while (found != nullptr && found->state == pf_reading) ::pthread_cond_wait(&r.read, &r.mutex);
+    if (found != nullptr && (found->state != pf_ready || found->got < 0 || found->size != size)) {
+        free_record(*found);
+        found = nullptr;
+    }
+    ::pthread_mutex_unlock(&r.mutex);
+    return found;
+}
+
+// Gives a claimed record back; `closed`: its descriptor was the copy's.
+void release_prefetch(ring_state &r, prefetch_record &f, bool closed) noexcept {
+    ::pthread_mutex_lock(&r.mutex);
+    if (closed) f.fd = -1;
+    free_record(f);
+    ::pthread_cond_broadcast(&r.wake);
+    ::pthread_mutex_unlock(&r.mutex);
 }
 
 // The ring's buffers: the first of copy_buffer_size, halved on failure down
@@ -215,6 +350,11 @@ bool allocate_slots(ring_state &r) noexcept {
 // Drops the cached pages of the oldest deferred target.
 void drop_oldest_cached(ring_state &r) noexcept {
     if (r.cached_count == 0) return;
+#if defined(SYNC_FILE_RANGE_WAIT_AFTER)
+    // Pages still being written back would stay.
+    (void)::sync_file_range(r.cached[0], 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                                   SYNC_FILE_RANGE_WAIT_AFTER);
+#endif
     (void)::posix_fadvise(r.cached[0], 0, 0, POSIX_FADV_DONTNEED);
     ::close(r.cached[0]);
     std::memmove(r.cached, r.cached + 1, (r.cached_count - 1) * sizeof r.cached[0]);
@@ -232,11 +372,18 @@ void defer_cached_target(ring_state &r, int fd) noexcept {
 
 // Hands the file to the readers from chunk `first` on; the chunks before
 // it are the batch thread's.
-void start_reading(ring_state &r, int fd, int64_t size, int64_t first) noexcept {
+void start_readers(ring_state &r) noexcept {
     if (r.slots < 2) return;
     ::pthread_mutex_lock(&r.mutex);
     while (r.readers < ring_readers && ::pthread_create(&r.reader[r.readers], nullptr, read_ahead, &r) == 0)
         ++r.readers;
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+void start_reading(ring_state &r, int fd, int64_t size, int64_t first) noexcept {
+    start_readers(r);
+    ::pthread_mutex_lock(&r.mutex);
+    cancel_prefetches_locked(r);
     if (r.readers > 0) {
         r.fd = fd;
         r.size = size;
@@ -269,6 +416,7 @@ ssize_t take_chunk(ring_state &r, int fd, int64_t size, int64_t k, int *error) n
     *error = ahead ? r.error[s] : 0;
     ::pthread_mutex_unlock(&r.mutex);
     if (ahead) return n;
+    if (k > 0) cancel_prefetches(r);
     return read_chunk(fd, r.slot[s], r.slot_size, k * static_cast<int64_t>(r.slot_size), size, error);
 }
 
@@ -308,6 +456,8 @@ struct file_copy {
     bool first_write = true;
     bool from_network = false;
     ssize_t prefetched = -1;  // bytes of chunk 0 the direct-read test brought in (-1: none)
+    prefetch_record *ahead = nullptr;  // the file as a reader read it ahead
+    char *first_data = nullptr;        // where chunk 0 is, when not in buffer 0
 };
 
 // Report points and the advance count (the file counts in full at once).
@@ -325,7 +475,12 @@ void plan_reports(file_copy &c) noexcept {
 // targets off "SATA_" paths for direct writes.
 void open_files(file_copy &c) noexcept {
     c.direct_read = c.size >= 1024;
-    c.in.reset(open_maybe_direct(c.source, source_flags, &c.direct_read));
+    if (c.ahead != nullptr) {
+        c.in.reset(c.ahead->fd);
+        c.direct_read = c.ahead->direct;
+    } else {
+        c.in.reset(open_maybe_direct(c.source, source_flags, &c.direct_read));
+    }
     if (!c.in.valid()) {
         c.code = +rc::open_failed;
         return;
@@ -336,13 +491,18 @@ void open_files(file_copy &c) noexcept {
 }
 
 // The direct-read test. A file that fits one buffer is read whole by it
-// (an odd number of 512-byte blocks past its end, so that a device needing
-// larger blocks refuses it as it refuses one block); a larger one reads its
-// first block. Nothing read: a cached descriptor instead.
+// (see whole_probe); a larger one reads its first block. Nothing read: a
+// cached descriptor instead.
 void test_direct_read(file_copy &c) noexcept {
+    if (c.ahead != nullptr) {
+        // Read ahead whole, the test included.
+        if (c.direct_read) std::fputs("read  - Using DIRECT IO !!!\n", stderr);
+        c.prefetched = c.ahead->got;
+        c.first_data = c.ring.slot[c.ahead - c.ring.ahead + 1];
+        return;
+    }
     if (!c.direct_read) return;
-    const int64_t blocks = c.size / static_cast<int64_t>(copy_alignment) + 1;
-    const auto whole = static_cast<std::size_t>((blocks | 1) * static_cast<int64_t>(copy_alignment));
+    const std::size_t whole = whole_probe(c.size);
     const std::size_t length = whole <= c.ring.slot_size ? whole : copy_alignment;
     int error = 0;
     ssize_t probe = -1;
@@ -439,7 +599,7 @@ void copy_chunks(file_copy &c) noexcept {
         }
         if (got < 1) break;
         c.remaining = c.remaining < chunk ? 0 : c.remaining - chunk;
-        char *const data = r.slot[k % r.slots];
+        char *const data = k == 0 && c.first_data != nullptr ? c.first_data : r.slot[k % r.slots];
         if (c.from_network) flush_data_cache(data, got);
         const bool written = write_chunk_of(c, k, data, got);
         give_back(r, k);
@@ -473,6 +633,7 @@ void release_ring_state(ring_state *state) noexcept {
     ::pthread_cond_broadcast(&r.wake);
     ::pthread_mutex_unlock(&r.mutex);
     for (int i = 0; i < r.readers; ++i) ::pthread_join(r.reader[i], nullptr);
+    for (auto &f : r.ahead) free_record(f);
     while (r.cached_count > 0) drop_oldest_cached(r);
     for (int i = 0; i < r.slots; ++i) ::free(r.slot[i]);
     delete state;
@@ -488,11 +649,14 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
                                 uint32_t operation, const char *from, const char *to, copy_ring *ring) noexcept {
     const reporter report{progress, operation, base_name(source), from, to};
     const int64_t size = filesize64(source);
+    ring_state *const shared = ring != nullptr ? ring->state : nullptr;
+    prefetch_record *const ahead = shared != nullptr ? claim_prefetch(*shared, source, size) : nullptr;
     if (size == 0) {
         plugin::unique_fd empty(::open(target, target_flags, 0777));
         if (empty.valid() && empty.close_checked()) return +rc::ok;
     }
     if (size <= 0 || !fits_destination(progress.permission_kind, size)) {
+        if (ahead != nullptr) release_prefetch(*shared, *ahead, false);
         report.send_current(+rc::io);
         return +rc::io;
     }
@@ -503,6 +667,7 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
         return +rc::io;
     }
     file_copy c{.report = report, .progress = progress, .source = source, .target = target, .ring = *buffers, .size = size};
+    c.ahead = ahead;
     plan_reports(c);
     open_files(c);
     if (c.code == 0) test_direct_read(c);
@@ -511,6 +676,7 @@ int32_t copy_file_with_progress(const char *source, const char *target, Transfer
     if (c.code == 0) copy_chunks(c);
     if (c.remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, 0);
     close_files(c);
+    if (c.ahead != nullptr) release_prefetch(*buffers, *c.ahead, true);
     if (c.code == 0) return +rc::ok;
     report.send(percent_of(progress.item_done - c.remaining, progress.item_total), c.remaining, c.code);
     return c.code;
@@ -565,6 +731,23 @@ bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcep
     return true;
 }
 
+using walk_position = std::vector<folder_entry>::reverse_iterator;
+
+// Asks the ring's readers to read the walk's next regular files ahead, from
+// `next` up to the first folder, as far as buffers are free.
+void read_files_ahead(copy_ring &ring, walk_position &next, walk_position end, const char *folder,
+                      std::size_t folder_length) noexcept {
+    ring_state *r = ring.state;
+    if (r == nullptr) return;
+    plugin::path_buffer path;
+    for (; next != end && !next->is_folder; ++next) {
+        if (next->d_type != DT_REG || folder_length + next->name.size() >= plugin::path_max) continue;
+        std::memcpy(path, folder, folder_length);
+        std::memcpy(path + folder_length, next->name.c_str(), next->name.size() + 1);
+        if (!request_prefetch(*r, path)) return;
+    }
+}
+
 }  // namespace
 
 int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buffer &target,
@@ -597,8 +780,12 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
         report.send_current(+rc::open_failed);
         return +rc::open_failed;
     }
+    if (ring_state *r = ring_of(ring, own)) start_readers(*r);
+    walk_position ahead = entries.rbegin();
     int32_t result = 0;
     for (auto e = entries.rbegin(); e != entries.rend() && result == 0; ++e) {
+        if (ahead < e) ahead = e;
+        read_files_ahead(*ring, ahead, entries.rend(), source, source_length);
         const std::size_t name_length = e->name.size();
         if (source_length + name_length >= plugin::path_max || target_length + name_length >= plugin::path_max)
             continue;
@@ -611,6 +798,7 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
         target[target_length] = '\0';
         quiet_file_start.store(1, std::memory_order_relaxed);
     }
+    if (ring->state != nullptr) cancel_prefetches(*ring->state);  // files a failure left unread
     quiet_file_start.store(0, std::memory_order_relaxed);
     return result;
 }
