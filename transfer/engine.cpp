@@ -203,7 +203,7 @@ std::size_t whole_probe(int64_t size) noexcept {
 // got -1 when the batch thread should do it all itself.
 void read_file_ahead(prefetch_record &f, char *buffer, std::size_t buffer_size) noexcept {
     f.direct = true;
-    f.fd = open_maybe_direct(f.path, source_flags, &f.direct);
+    f.fd = open_maybe_direct(f.path, source_flags | O_NONBLOCK, &f.direct);  // never waits on a FIFO
     struct stat st{};
     if (f.fd < 0 || ::fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
     f.size = st.st_size;
