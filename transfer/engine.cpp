@@ -424,7 +424,7 @@ void give_back(ring_state &r, int64_t k) noexcept {
     ::pthread_mutex_lock(&r.mutex);
     r.chunk_of[k % r.slots] = -1;
     r.given_back = k + 1;
-    ::pthread_cond_broadcast(&r.wake);
+    ::pthread_cond_signal(&r.wake);  // one buffer: one reader
     ::pthread_mutex_unlock(&r.mutex);
 }
 
