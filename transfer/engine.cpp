@@ -291,7 +291,8 @@ bool request_prefetch(ring_state &r, const char *path) noexcept {
     if (r.readers == 0) return false;
     bool queued = false;
     ::pthread_mutex_lock(&r.mutex);
-    for (auto &f : r.ahead) {
+    for (int j = 0; j + 1 < r.slots; ++j) {  // record j reads into buffer j + 1
+        prefetch_record &f = r.ahead[j];
         if (r.fd >= 0 || f.state != pf_free || !plugin::copy_text(f.path, path)) continue;
         f.state = pf_queued;
         f.order = r.queued++;
