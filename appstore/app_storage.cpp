@@ -75,10 +75,22 @@ bool write_new_identity(const char *path, int32_t id, const char *password) noex
     return detail::write_all(fd.get(), text, std::strlen(text)) && fd.close_checked();
 }
 
+// Makes the names in the folder of `path` durable.
+bool sync_folder_of(const char *path) noexcept {
+    plugin::path_buffer folder;
+    if (!plugin::copy_text(folder, path)) return false;
+    char *slash = std::strrchr(folder, '/');
+    if (slash == nullptr) return false;
+    slash[slash == folder ? 1 : 0] = '\0';
+    plugin::unique_fd fd(::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.valid() && ::fsync(fd.get()) == 0;
+}
+
 // Replaces an identity file's text as one step: the new text goes to a
-// temporary file beside it, which then takes the identity file's name, so a
-// power cut leaves either the old password or the new one, never an empty
-// file. The file keeps its permission bits.
+// temporary file beside it, written to the disk, which then takes the
+// identity file's name, and the folder is written to the disk, so a power
+// cut leaves either the old password or the new one, never an empty file.
+// The file keeps its permission bits.
 bool replace_identity(const char *path, int32_t id, const char *password) noexcept {
     char text[scrambled_buffer];
     if (!scramble_app_password(text, id, password)) return false;
@@ -89,8 +101,11 @@ bool replace_identity(const char *path, int32_t id, const char *password) noexce
     struct stat old_status {};
     mode_t mode = ::stat(path, &old_status) == 0 ? (old_status.st_mode & 07777) : 0700;
     bool ok = ::fchmod(fd.get(), mode) == 0 && detail::write_all(fd.get(), text, std::strlen(text)) &&
-              fd.close_checked() && ::rename(temporary, path) == 0;
+              ::fsync(fd.get()) == 0 && fd.close_checked() && ::rename(temporary, path) == 0;
     if (!ok) ::unlink(temporary);
+    // The new password is in place; a folder that cannot be synced leaves
+    // the old one after a power cut at worst.
+    if (ok) (void)sync_folder_of(path);
     return ok;
 }
 

@@ -1,20 +1,31 @@
 #!/usr/bin/python3
-"""Batch copy against cp + sync, interleaved, on a real disk folder.
+"""Batch copy against cp + sync and the device's direct-I/O ceiling,
+interleaved, on a real disk folder.
 
-Run inside the test sandbox (the plug-in writes its selection file and
-events under /tmp and reads drives under /opt/vtrhttpd):
+Run inside the test sandbox as root (the plug-in writes its selection file
+and events under /tmp and reads drives under /opt/vtrhttpd):
 
     tests/sandbox.sh /usr/bin/python3 bench/batch_copy.py --dir build/bench-disk
 
-The folder is bind-mounted as the drive BENCH. Per run and data set the
-batch (select + copy_user_storage_file_from_list, until its end event; the
-batch syncs after each entry) and `cp` (`cp -r` for the tree) + `sync` take
-turns, in alternating order. Before each copy the source's pages are
-dropped from the page cache (posix_fadvise DONTNEED) and the previous
-target is removed. Reported: median seconds, MB/s, the ratio batch / cp,
-page-cache pages left resident for source and target (fincore) and the
-host's peak resident memory during the batch (VmHWM, reset before each
-batch through clear_refs)."""
+The folder is bind-mounted as the drive BENCH. Data: one file of --size-mib
+MiB and a tree of --files files of 1 to 64 KiB in folders of 500. Per round
+and data set every contender runs once, the order rotating from round to
+round: the batch (select + copy_user_storage_file_from_list through the
+reference host, timed to its end event; the batch syncs after each entry),
+`cp` (`cp -r` for the tree) + `sync`, and for the file `dd` with direct
+input and output (1 MiB blocks) + `sync`, fio's direct sequential read of
+the same file at queue depth 1 and 4, fio's direct sequential write of a
+file of the same size at depth 1 and 4, and both at once at depth 4 (the
+device's ceiling for a copy; 1 MiB blocks, libaio). Before
+every run all dirty data is written and the whole page cache dropped
+(`sync; echo 3 > /proc/sys/vm/drop_caches`; where that is refused the
+source's and the old targets' pages are evicted with posix_fadvise
+DONTNEED instead, and the output says so), and the previous target is
+removed. Reported: medians, ratios against the targets, page-cache residency
+of source and target right after each batch (fincore; the share of the
+data's bytes), the host's peak resident memory during the batch (VmHWM,
+reset before each batch through clear_refs; a fresh host per data set) and
+the load average before and after. Exit status 1 when a target is missed."""
 import argparse
 import json
 import os
@@ -23,14 +34,13 @@ import shutil
 import statistics
 import subprocess
 import sys
-import threading
 import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[1]
 DRIVES = Path("/opt/vtrhttpd/localhost.drives")
 PIPE = "/tmp/vtr_framework_pipe"
-MiB = 1 << 20
+KiB, MiB = 1 << 10, 1 << 20
 
 
 class Events:
@@ -57,8 +67,9 @@ class Events:
 
 class Host:
     def __init__(self, build):
-        self.proc = subprocess.Popen([*os.environ.get("VTR_BENCH_WRAP", "").split(), str(build / "vtr-host"), "serve-stdio"], stdin=subprocess.PIPE,
-                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, cwd="/")
+        self.proc = subprocess.Popen([*os.environ.get("VTR_BENCH_WRAP", "").split(), str(build / "vtr-host"),
+                                      "serve-stdio"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                     stderr=subprocess.DEVNULL, cwd="/")
 
     def run(self, *args):
         self.proc.stdin.write((json.dumps(list(args)) + "\n").encode())
@@ -80,38 +91,44 @@ class Host:
 
 
 def files_below(path):
+    if not path.exists():
+        return []
     if path.is_file():
         return [path]
     return [p for p in path.rglob("*") if p.is_file()]
 
 
-def evict(path):
-    for f in files_below(path):
-        fd = os.open(f, os.O_RDONLY)
-        try:
-            os.fdatasync(fd)
-            os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
-        finally:
-            os.close(fd)
+def drop_caches(paths):
+    """Everything written back and the page cache dropped; True when the
+    whole cache could be dropped, False when only the given files' pages."""
+    subprocess.run(["sync"], check=True)
+    try:
+        Path("/proc/sys/vm/drop_caches").write_text("3")
+        return True
+    except OSError:
+        for f in (f for p in paths for f in files_below(p)):
+            fd = os.open(f, os.O_RDONLY)
+            try:
+                os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
+            finally:
+                os.close(fd)
+        return False
 
 
 def resident(path):
-    """(resident bytes, file bytes) of the files below path, from fincore."""
+    """Resident bytes of the files below path, from fincore."""
     files = [str(f) for f in files_below(path)]
-    res = size = 0
+    res = 0
     for i in range(0, len(files), 500):
-        out = subprocess.run(["fincore", "--bytes", "--noheadings", "--raw", "--output", "RES,SIZE",
-                              *files[i:i + 500]], capture_output=True, text=True, check=True).stdout
-        for line in out.splitlines():
-            r, s = line.split()
-            res += int(r)
-            size += int(s)
-    return res, size
+        out = subprocess.run(["fincore", "--bytes", "--noheadings", "--raw", "--output", "RES", *files[i:i + 500]],
+                             capture_output=True, text=True, check=True).stdout
+        res += sum(int(line) for line in out.split())
+    return res
 
 
 def make_data(root, size_mib, count):
     src = root / "src"
-    marker = src / f".complete-{size_mib}-{count}"
+    marker = src / f".complete-v2-{size_mib}-{count}"
     if marker.exists():
         return src
     shutil.rmtree(src, ignore_errors=True)
@@ -120,13 +137,32 @@ def make_data(root, size_mib, count):
     with open(src / "big.bin", "wb") as f:
         for i in range(size_mib):
             f.write(block[i % 256:] + block[:i % 256])
+    span = 64 * KiB - KiB + 1
     for i in range(count):
         sub = src / "tree" / f"d{i // 500:02d}"
         sub.mkdir(exist_ok=True)
-        (sub / f"f{i:05d}.txt").write_bytes(os.urandom(512 + (i * 37) % 7680))
+        (sub / f"f{i:05d}.bin").write_bytes(os.urandom(KiB + (i * 7919) % span))
     marker.write_text("")
     subprocess.run(["sync"], check=True)
     return src
+
+
+def timed(*commands):
+    t0 = time.monotonic()
+    for c in commands:
+        subprocess.run(c, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return time.monotonic() - t0
+
+
+def fio(size, depth, read=None, write=None):
+    """Seconds of fio's direct sequential read of `read` and/or write of
+    `write` (both at once when both are given: the longer job counts)."""
+    jobs = [[f"--name={rw}", f"--filename={path}", f"--rw={rw}"] for rw, path in (("read", read), ("write", write))
+            if path is not None]
+    out = subprocess.run(["fio", "--direct=1", "--bs=1M", "--ioengine=libaio", f"--iodepth={depth}", f"--size={size}",
+                          "--output-format=json", *(w for j in jobs for w in j)],
+                         capture_output=True, text=True, check=True).stdout
+    return max(max(j["read"]["runtime"], j["write"]["runtime"]) for j in json.loads(out[out.index("{"):])["jobs"]) / 1000
 
 
 def run_batch(host, events, source, dst):
@@ -135,16 +171,9 @@ def run_batch(host, events, source, dst):
     t0 = time.monotonic()
     assert host.run("copy_user_storage_file_from_list", str(dst)) == 0
     end = events.wait_end()
-    t1 = time.monotonic()
+    elapsed = time.monotonic() - t0
     assert "<status>0</status>" in end, end
-    return t1 - t0, host.peak_kib()
-
-
-def run_cp(source, dst):
-    t0 = time.monotonic()
-    subprocess.run(["cp", "-r", str(source), str(dst)], check=True)
-    subprocess.run(["sync"], check=True)
-    return time.monotonic() - t0
+    return elapsed, host.peak_kib()
 
 
 def main():
@@ -162,52 +191,90 @@ def main():
     drive = DRIVES / "BENCH"
     drive.mkdir(parents=True, exist_ok=True)
     subprocess.run(["mount", "--bind", str(disk), str(drive)], check=True)
-    fs = subprocess.run(["findmnt", "-n", "-o", "FSTYPE", "-T", str(drive)], capture_output=True, text=True).stdout.strip()
+    fs = subprocess.run(["findmnt", "-n", "-o", "FSTYPE,SOURCE", "-T", str(drive)], capture_output=True,
+                        text=True).stdout.strip()
+    load_before = os.getloadavg()
     src = make_data(drive, a.size_mib, a.files)
+    big, tree = src / "big.bin", src / "tree"
     events = Events()
-    results = {}
+    whole_cache = True
+    out = {}
     host = None
     try:
-        for name, source in ((f"{a.size_mib} MiB file", src / "big.bin"), (f"{a.files} small files", src / "tree")):
+        for name, source in ((f"{a.size_mib} MiB file", big), (f"{a.files} small files", tree)):
             if host is not None:
                 host.close()
-            host = Host(Path(a.build))  # a fresh process per data set: its own peak
-
+            host = Host(Path(a.build).resolve())  # a fresh process per data set: its own peak
             nbytes = sum(f.stat().st_size for f in files_below(source))
-            batch_t, cp_t, peaks, res_src, res_dst = [], [], [], [], []
-            for run in range(a.runs):
-                order = ("batch", "cp") if run % 2 == 0 else ("cp", "batch")
-                for which in order:
-                    dst = drive / f"dst_{which}"
-                    shutil.rmtree(dst, ignore_errors=True)
-                    dst.mkdir()
-                    subprocess.run(["sync"], check=True)
-                    evict(source)
+            dst = {w: drive / f"dst_{w}" for w in ("batch", "cp", "dd", "fio")}
+            runs = {"batch": lambda: run_batch(host, events, source, dst["batch"]),
+                    "cp": lambda: timed(["cp", "-r", str(source), str(dst["cp"])], ["sync"])}
+            if source == big:
+                size = f"{nbytes}"
+                fio_file = dst["fio"] / "ceiling.bin"
+                runs["dd"] = lambda: timed(["dd", f"if={big}", f"of={dst['dd'] / 'big.bin'}", "bs=1M",
+                                            "iflag=direct", "oflag=direct"], ["sync"])
+                for depth in (1, 4):
+                    runs[f"fio read qd{depth}"] = lambda d=depth: fio(size, d, read=big)
+                    runs[f"fio write qd{depth}"] = lambda d=depth: fio(size, d, write=fio_file)
+                runs["fio read+write qd4"] = lambda: fio(size, 4, read=big, write=fio_file)
+            times = {w: [] for w in runs}
+            peaks, res_src, res_dst = [], [], []
+            names = list(runs)
+            for r in range(a.runs):
+                for which in names[r % len(names):] + names[:r % len(names)]:
+                    for d in dst.values():
+                        shutil.rmtree(d, ignore_errors=True)
+                        d.mkdir()
+                    whole_cache &= drop_caches([source, *dst.values()])
+                    result = runs[which]()
                     if which == "batch":
-                        t, peak = run_batch(host, events, source, dst)
-                        batch_t.append(t)
-                        peaks.append(peak)
-                        res_src.append(resident(source)[0])
-                        res_dst.append(resident(dst)[0])
+                        times[which].append(result[0])
+                        peaks.append(result[1])
+                        res_src.append(resident(source))
+                        res_dst.append(resident(dst["batch"]))
                     else:
-                        cp_t.append(run_cp(source, dst))
-                    shutil.rmtree(dst, ignore_errors=True)
-            b, c = statistics.median(batch_t), statistics.median(cp_t)
-            results[name] = dict(bytes=nbytes, batch_s=b, cp_s=c, batch_mbs=nbytes / b / 1e6, cp_mbs=nbytes / c / 1e6,
-                                 ratio=c / b, resident_source=statistics.median(res_src) / nbytes,
-                                 resident_target=statistics.median(res_dst) / nbytes,
-                                 peak_rss_mib=max(peaks) / 1024, batch_runs=batch_t, cp_runs=cp_t)
+                        times[which].append(result)
+            for d in dst.values():
+                shutil.rmtree(d, ignore_errors=True)
+            med = {w: statistics.median(t) for w, t in times.items()}
+            out[name] = dict(bytes=nbytes, median_s=med, runs_s=times, peak_rss_mib=max(peaks) / 1024,
+                             resident_source=max(res_src) / nbytes, resident_target=max(res_dst) / nbytes)
     finally:
         if host is not None:
             host.close()
         subprocess.run(["umount", "-l", str(drive)], check=False)
-    print(f"file system: {fs}, runs: {a.runs}")
-    print(f"{'data':<20} {'batch s':>8} {'cp s':>8} {'batch MB/s':>11} {'cp MB/s':>8} {'ratio':>6} "
-          f"{'res src':>8} {'res dst':>8} {'peak RSS':>9}")
-    for name, r in results.items():
-        print(f"{name:<20} {r['batch_s']:8.2f} {r['cp_s']:8.2f} {r['batch_mbs']:11.1f} {r['cp_mbs']:8.1f} "
-              f"{r['ratio']:6.2f} {r['resident_source']:8.1%} {r['resident_target']:8.1%} {r['peak_rss_mib']:7.1f} MiB")
-    print(json.dumps(results, indent=1))
+    load_after = os.getloadavg()
+
+    print(f"file system: {fs}; rounds: {a.runs}; caches dropped: "
+          f"{'whole page cache (drop_caches)' if whole_cache else 'fadvise DONTNEED of the files only'}")
+    print(f"load average before {load_before[0]:.2f} {load_before[1]:.2f} {load_before[2]:.2f}, "
+          f"after {load_after[0]:.2f} {load_after[1]:.2f} {load_after[2]:.2f}")
+    missed = []
+
+    def check(label, value, limit, above=False):
+        ok = value >= limit if above else value <= limit
+        if not ok:
+            missed.append(label)
+        print(f"  {label:<44} {value:8.3f}   target {'>=' if above else '<='} {limit}   {'met' if ok else 'MISSED'}")
+
+    for name, r in out.items():
+        med = r["median_s"]
+        print(f"\n{name} ({r['bytes'] / 1e6:.0f} MB), medians:")
+        for w, t in med.items():
+            print(f"  {w:<16} {t:7.3f} s  {r['bytes'] / t / 1e6:8.1f} MB/s   runs: "
+                  + " ".join(f"{x:.2f}" for x in r["runs_s"][w]))
+        big_file = "fio read qd4" in med
+        check(f"{name}: batch / cp{' -r' if not big_file else ''} + sync time", med["batch"] / med["cp"],
+              0.8 if big_file else 1.0)
+        if big_file:
+            check(f"{name}: batch / direct read at depth 4", med["batch"] / med["fio read qd4"], 1.3)
+            print(f"  {name + ': batch / direct read+write at depth 4':<44} {med['batch'] / med['fio read+write qd4']:8.3f}")
+        check(f"{name}: page cache after, source (share)", r["resident_source"], 0.01)
+        check(f"{name}: page cache after, target (share)", r["resident_target"], 0.01)
+        check(f"{name}: host peak memory (MiB)", r["peak_rss_mib"], 8)
+    print(json.dumps(out, indent=1))
+    sys.exit(1 if missed else 0)
 
 
 if __name__ == "__main__":

@@ -9,6 +9,7 @@ packages=(
   libmicrohttpd-dev
   wget gzip util-linux coreutils findutils
   valgrind
+  fio strace
   clang-14 libclang-rt-14-dev
   chromium
 )

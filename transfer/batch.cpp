@@ -87,6 +87,7 @@ void run_batch(BatchJob &job) noexcept {
     plugin::path_buffer source{};
     plugin::path_buffer target{};
     char label[label_size] = {};
+    copy_ring ring;  // buffers and readers shared by the batch's files
     // The private file changes only here; the count bounds the walk all the
     // same, so no figure ever passes what the batch took.
     int32_t taken = 0;
@@ -145,10 +146,10 @@ void run_batch(BatchJob &job) noexcept {
                 last = move_by_rename(source, target, progress, label, to);
             } else {
                 if (isdir(source) != 0) {
-                    last = copy_folder_with_progress(source, target, progress, job.operation, label, to);
+                    last = copy_folder_with_progress(source, target, progress, job.operation, label, to, &ring);
                     source[source_length] = '\0';
                 } else {
-                    last = copy_file_with_progress(source, target, progress, job.operation, label, to);
+                    last = copy_file_with_progress(source, target, progress, job.operation, label, to, &ring);
                 }
                 if (move && last == 0) {
                     // The copy reaches the disk before its source goes.
@@ -168,6 +169,7 @@ void run_batch(BatchJob &job) noexcept {
             failed = true;
         ::sync();
     }
+    finish_copy_ring(ring);
     list.reset();
     // As designed, a batch whose last entry failed keeps its records (the
     // finished ones flagged "0") so that the same command can resume.

@@ -70,45 +70,54 @@ void flush_data_cache(void *buffer, ssize_t length) noexcept {
 #endif
 }
 
-struct aligned_buffer {
-    plugin::unique_malloc<char> data;
-    std::size_t size = 0;
-};
-
-aligned_buffer allocate_copy_buffer() noexcept {
-    for (std::size_t size = copy_buffer_size; size >= copy_buffer_min; size /= 2) {
-        void *p = nullptr;
-        if (::posix_memalign(&p, copy_alignment, size) == 0)
-            return {plugin::unique_malloc<char>(static_cast<char *>(p)), size};
-    }
-    return {};
-}
-
-bool set_direct(int fd) noexcept {
+bool set_direct(int fd, bool on) noexcept {
     int flags = ::fcntl(fd, F_GETFL);
-    return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_DIRECT) == 0;
+    return flags >= 0 && ::fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT) == 0;
 }
 
-int open_source(const char *path) noexcept { return ::open(path, O_RDONLY | O_CLOEXEC); }
-
-int create_target(const char *path) noexcept {
-    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0777);
-}
-
-ssize_t read_some(int fd, char *buffer, std::size_t size) noexcept {
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, size);
-        if (n < 0 && errno == EINTR) continue;
-        return n;
+// Opens a file, asking for direct input and output when `direct` is set; a
+// file system without it (EINVAL) gets a cached descriptor and *direct is
+// cleared.
+int open_maybe_direct(const char *path, int flags, bool *direct) noexcept {
+    if (*direct) {
+        int fd = ::open(path, flags | O_DIRECT, 0777);
+        if (fd >= 0 || errno != EINVAL) return fd;
+        *direct = false;
     }
+    return ::open(path, flags, 0777);
 }
 
-// Writes all of it; the result of the last write() when it came short (so
-// below 1 on failure), else the full length.
-ssize_t write_all(int fd, const char *buffer, std::size_t length) noexcept {
+constexpr int source_flags = O_RDONLY | O_CLOEXEC;
+constexpr int target_flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+
+// Reads up to `length` bytes at `offset`, going on after short reads until
+// the buffer is full, a read returns 0, or a short read reaches `size` (the
+// file's length when the copy began: the end). A descriptor left unaligned
+// by a short direct read reads on through the cache. The bytes read, or -1
+// with the error number in *error when nothing could be read.
+ssize_t read_chunk(int fd, char *buffer, std::size_t length, int64_t offset, int64_t size, int *error) noexcept {
+    std::size_t total = 0;
+    while (total < length) {
+        ssize_t n = ::pread(fd, buffer + total, length - total, offset + static_cast<int64_t>(total));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == EINVAL && total > 0 && set_direct(fd, false)) continue;
+        if (n < 0) {
+            *error = errno;
+            return total > 0 ? static_cast<ssize_t>(total) : -1;
+        }
+        if (n == 0) break;
+        total += static_cast<std::size_t>(n);
+        if (total < length && offset + static_cast<int64_t>(total) >= size) break;
+    }
+    return static_cast<ssize_t>(total);
+}
+
+// Writes all of it at `offset`; the result of the last pwrite() when it
+// came short (so below 1 on failure), else the full length.
+ssize_t write_chunk(int fd, const char *buffer, std::size_t length, int64_t offset) noexcept {
     std::size_t written = 0;
     while (written < length) {
-        ssize_t n = ::write(fd, buffer + written, length - written);
+        ssize_t n = ::pwrite(fd, buffer + written, length - written, offset + static_cast<int64_t>(written));
         if (n < 0 && errno == EINTR) continue;
         if (n < 1) return n;
         written += static_cast<std::size_t>(n);
@@ -116,100 +125,521 @@ ssize_t write_all(int fd, const char *buffer, std::size_t length) noexcept {
     return static_cast<ssize_t>(written);
 }
 
-// Writes one chunk at a time on a helper thread while the copy reads the
-// next chunk into the other half of its buffer: a direct read and a direct
-// write are then in flight together, as the cache's read-ahead and
-// write-back would overlap them.
-class background_writer {
-public:
-    background_writer() noexcept = default;
-    background_writer(const background_writer &) = delete;
-    background_writer &operator=(const background_writer &) = delete;
-    ~background_writer() {
-        if (!started_) return;
-        ::pthread_mutex_lock(&mutex_);
-        quit_ = true;
-        ::pthread_cond_broadcast(&cond_);
-        ::pthread_mutex_unlock(&mutex_);
-        ::pthread_join(thread_, nullptr);
-    }
-    // False when no helper thread could be started (the copy then writes
-    // every chunk itself).
-    bool start() noexcept {
-        started_ = ::pthread_create(&thread_, nullptr, &background_writer::run, this) == 0;
-        return started_;
-    }
-    void submit(int fd, const char *data, std::size_t length) noexcept {
-        ::pthread_mutex_lock(&mutex_);
-        fd_ = fd;
-        data_ = data;
-        length_ = length;
-        busy_ = true;
-        ::pthread_cond_broadcast(&cond_);
-        ::pthread_mutex_unlock(&mutex_);
-    }
-    // Waits for the chunk in flight; the result of its write (below 1 on
-    // failure, with the error number in *error), then forgotten.
-    ssize_t wait(int *error) noexcept {
-        ::pthread_mutex_lock(&mutex_);
-        while (busy_) ::pthread_cond_wait(&cond_, &mutex_);
-        ssize_t result = result_;
-        *error = error_;
-        result_ = 1;
-        error_ = 0;
-        ::pthread_mutex_unlock(&mutex_);
-        return result;
-    }
+constexpr int ring_slots = 4;
+constexpr int ring_readers = 2;
+constexpr std::size_t cached_targets_max = 32;
 
-private:
-    static void *run(void *self) noexcept {
-        auto *w = static_cast<background_writer *>(self);
-        ::pthread_mutex_lock(&w->mutex_);
-        for (;;) {
-            while (!w->busy_ && !w->quit_) ::pthread_cond_wait(&w->cond_, &w->mutex_);
-            if (w->quit_) break;
-            const int fd = w->fd_;
-            const char *data = w->data_;
-            const std::size_t length = w->length_;
-            ::pthread_mutex_unlock(&w->mutex_);
-            const ssize_t put = write_all(fd, data, length);
-            const int error = errno;
-            ::pthread_mutex_lock(&w->mutex_);
-            if (put < 1) {
-                w->result_ = put;
-                w->error_ = error;
-            }
-            w->busy_ = false;
-            ::pthread_cond_broadcast(&w->cond_);
-        }
-        ::pthread_mutex_unlock(&w->mutex_);
-        return nullptr;
-    }
+}  // namespace
 
-    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
-    pthread_t thread_{};
-    bool started_ = false;
-    bool quit_ = false;
-    bool busy_ = false;
-    int fd_ = -1;
-    const char *data_ = nullptr;
-    std::size_t length_ = 0;
-    ssize_t result_ = 1;
-    int error_ = 0;
+namespace {
+
+enum prefetch_state { pf_free, pf_queued, pf_reading, pf_ready };
+
+// A small file read ahead by a reader: its descriptor, opened as the copy
+// would open it, and its bytes. The direct-read test's outcome waits for
+// the batch thread, which reports it when it copies the file.
+struct prefetch_record {
+    plugin::path_buffer path;
+    prefetch_state state = pf_free;
+    uint64_t order = 0;
+    int fd = -1;
+    bool direct = false;
+    int64_t size = 0;
+    ssize_t got = -1;
 };
 
-// Waits for the chunk in flight; false (and the write error reported) when
-// its write failed.
-bool drain(background_writer &writer) noexcept {
+}  // namespace
+
+// The shared part of a batch's copy ring. The mutex guards the reading
+// state; each buffer belongs either to the batch thread or, while its chunk
+// is read, to one reader.
+struct ring_state {
+    char *slot[ring_slots] = {};
+    std::size_t slot_size = 0;
+    int slots = 0;
+
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t wake = PTHREAD_COND_INITIALIZER;  // readers wait for work
+    pthread_cond_t read = PTHREAD_COND_INITIALIZER;  // the batch thread waits for chunks
+    pthread_t reader[ring_readers]{};
+    int readers = 0;  // threads running
+    bool quit = false;
+    // The file being read ahead (fd -1: none). Chunk k lies k * slot_size
+    // bytes into it and is read into slot k % slots once chunk k - slots
+    // has been given back.
+    int fd = -1;
+    int64_t size = 0;
+    int64_t next = 0;         // next chunk to read
+    int64_t given_back = 0;   // chunks below it are written
+    int64_t last = INT64_MAX; // first chunk found short: nothing past it is read
+    int busy = 0;             // reads in flight
+    int64_t chunk_of[ring_slots] = {-1, -1, -1, -1};
+    ssize_t got[ring_slots] = {};
+    int error[ring_slots] = {};
+
+    // Files of a folder read ahead whole, one into each buffer but the
+    // first, while earlier ones are written (only while no file is read
+    // ahead chunk by chunk). Record j reads into buffer j + 1.
+    prefetch_record ahead[ring_slots - 1];
+    uint64_t queued = 0;  // order of the requests
+
+    // Duplicates of targets written through the cache: their pages are
+    // dropped (POSIX_FADV_DONTNEED) when the next ones come, after the
+    // write-back started at their close had time to finish.
+    int cached[cached_targets_max] = {};
+    std::size_t cached_count = 0;
+};
+
+namespace {
+
+// Whole-file probe length of the direct-read test: an odd number of
+// 512-byte blocks past the end of a file of `size` bytes, so that a device
+// needing larger blocks refuses it as it refuses one block.
+std::size_t whole_probe(int64_t size) noexcept {
+    const int64_t blocks = size / static_cast<int64_t>(copy_alignment) + 1;
+    return static_cast<std::size_t>((blocks | 1) * static_cast<int64_t>(copy_alignment));
+}
+
+// Opens and reads one small file ahead (on a reader, unlocked). Leaves
+// got -1 when the batch thread should do it all itself.
+void read_file_ahead(prefetch_record &f, char *buffer, std::size_t buffer_size) noexcept {
+    f.direct = true;
+    f.fd = open_maybe_direct(f.path, source_flags | O_NONBLOCK, &f.direct);  // never waits on a FIFO
+    struct stat st{};
+    if (f.fd < 0 || ::fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
+    f.size = st.st_size;
+    if (f.direct && f.size < 1024) f.direct = ::fcntl(f.fd, F_SETFL, 0) != 0;  // O_DIRECT off
+    const std::size_t length = f.direct ? whole_probe(f.size) : buffer_size;
+    if (f.direct && length > buffer_size) return;
     int error = 0;
-    const ssize_t put = writer.wait(&error);
+    ssize_t n = f.direct ? ::pread(f.fd, buffer, length, 0) : read_chunk(f.fd, buffer, length, 0, f.size, &error);
+    // Only a file read whole is kept.
+    if (n == f.size && n > 0 && static_cast<std::size_t>(n) < length) f.got = n;
+}
+
+void *read_ahead(void *argument) noexcept {
+    auto &r = *static_cast<ring_state *>(argument);
+    ::pthread_mutex_lock(&r.mutex);
+    for (;;) {
+        prefetch_record *file = nullptr;
+        for (;;) {
+            if (r.quit || (r.fd >= 0 && r.next <= r.last && r.next - r.given_back < r.slots)) break;
+            for (auto &f : r.ahead)
+                if (f.state == pf_queued && (file == nullptr || f.order < file->order)) file = &f;
+            if (file != nullptr) break;
+            ::pthread_cond_wait(&r.wake, &r.mutex);
+        }
+        if (r.quit) break;
+        if (file != nullptr) {
+            file->state = pf_reading;
+            char *const buffer = r.slot[file - r.ahead + 1];
+            ::pthread_mutex_unlock(&r.mutex);
+            read_file_ahead(*file, buffer, r.slot_size);
+            ::pthread_mutex_lock(&r.mutex);
+            file->state = pf_ready;
+            ::pthread_cond_broadcast(&r.read);
+            continue;
+        }
+        const int64_t chunk = r.next++;
+        const int s = static_cast<int>(chunk % r.slots);
+        const int fd = r.fd;
+        const int64_t size = r.size;
+        ++r.busy;
+        ::pthread_mutex_unlock(&r.mutex);
+        int error = 0;
+        const ssize_t n = read_chunk(fd, r.slot[s], r.slot_size, chunk * static_cast<int64_t>(r.slot_size), size, &error);
+        ::pthread_mutex_lock(&r.mutex);
+        --r.busy;
+        r.chunk_of[s] = chunk;
+        r.got[s] = n;
+        r.error[s] = error;
+        if (n < static_cast<ssize_t>(r.slot_size) && chunk < r.last) r.last = chunk;
+        ::pthread_cond_broadcast(&r.read);
+    }
+    ::pthread_mutex_unlock(&r.mutex);
+    return nullptr;
+}
+
+// Forgets a record (mutex held): its descriptor closed, its buffer free.
+void free_record(prefetch_record &f) noexcept {
+    if (f.fd >= 0) ::close(f.fd);
+    f.fd = -1;
+    f.got = -1;
+    f.state = pf_free;
+}
+
+// Drops every file read ahead, waiting for reads in flight (mutex held).
+void cancel_prefetches_locked(ring_state &r) noexcept {
+    for (;;) {
+        bool reading = false;
+        for (auto &f : r.ahead) {
+            if (f.state == pf_reading) reading = true;
+            else if (f.state != pf_free) free_record(f);
+        }
+        if (!reading) return;
+        ::pthread_cond_wait(&r.read, &r.mutex);
+    }
+}
+
+void cancel_prefetches(ring_state &r) noexcept {
+    ::pthread_mutex_lock(&r.mutex);
+    cancel_prefetches_locked(r);
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+// Asks the readers to read a file ahead; false when no buffer is free.
+bool request_prefetch(ring_state &r, const char *path) noexcept {
+    if (r.readers == 0) return false;
+    bool queued = false;
+    ::pthread_mutex_lock(&r.mutex);
+    for (int j = 0; j + 1 < r.slots; ++j) {  // record j reads into buffer j + 1
+        prefetch_record &f = r.ahead[j];
+        if (r.fd >= 0 || f.state != pf_free || !plugin::copy_text(f.path, path)) continue;
+        f.state = pf_queued;
+        f.order = r.queued++;
+        queued = true;
+        ::pthread_cond_broadcast(&r.wake);
+        break;
+    }
+    ::pthread_mutex_unlock(&r.mutex);
+    return queued;
+}
+
+// The record holding `path` read whole when it still has `size` bytes,
+// now the batch thread's; else nullptr (and the record, if any, dropped).
+prefetch_record *claim_prefetch(ring_state &r, const char *path, int64_t size) noexcept {
+    prefetch_record *found = nullptr;
+    ::pthread_mutex_lock(&r.mutex);
+    for (auto &f : r.ahead)
+        if (f.state != pf_free && std::strcmp(f.path, path) == 0) found = &f;
+    while (found != nullptr && found->state == pf_reading) ::pthread_cond_wait(&r.read, &r.mutex);
+    if (found != nullptr && (found->state != pf_ready || found->got < 0 || found->size != size)) {
+        free_record(*found);
+        found = nullptr;
+    }
+    ::pthread_mutex_unlock(&r.mutex);
+    return found;
+}
+
+// Gives a claimed record back; `closed`: its descriptor was the copy's.
+void release_prefetch(ring_state &r, prefetch_record &f, bool closed) noexcept {
+    ::pthread_mutex_lock(&r.mutex);
+    if (closed) f.fd = -1;
+    free_record(f);
+    ::pthread_cond_broadcast(&r.wake);
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+// The ring's buffers: the first of copy_buffer_size, halved on failure down
+// to copy_buffer_min; up to three more of the same size as memory allows.
+bool allocate_slots(ring_state &r) noexcept {
+    for (std::size_t size = copy_buffer_size; r.slots == 0 && size >= copy_buffer_min; size /= 2) {
+        void *p = nullptr;
+        if (::posix_memalign(&p, 4096, size) == 0) {
+            r.slot[0] = static_cast<char *>(p);
+            r.slot_size = size;
+            r.slots = 1;
+        }
+    }
+    while (r.slots > 0 && r.slots < ring_slots) {
+        void *p = nullptr;
+        if (::posix_memalign(&p, 4096, r.slot_size) != 0) break;
+        r.slot[r.slots++] = static_cast<char *>(p);
+    }
+    return r.slots > 0;
+}
+
+// Drops the cached pages of the oldest deferred target.
+void drop_oldest_cached(ring_state &r) noexcept {
+    if (r.cached_count == 0) return;
+#if defined(SYNC_FILE_RANGE_WAIT_AFTER)
+    // Pages still being written back would stay.
+    (void)::sync_file_range(r.cached[0], 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                                   SYNC_FILE_RANGE_WAIT_AFTER);
+#endif
+    (void)::posix_fadvise(r.cached[0], 0, 0, POSIX_FADV_DONTNEED);
+    ::close(r.cached[0]);
+    std::memmove(r.cached, r.cached + 1, (r.cached_count - 1) * sizeof r.cached[0]);
+    --r.cached_count;
+}
+
+// The target was written (partly) through the cache: start its write-back
+// now and drop its pages later.
+void defer_cached_target(ring_state &r, int fd) noexcept {
+    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    if (r.cached_count == cached_targets_max) drop_oldest_cached(r);
+    const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (copy >= 0) r.cached[r.cached_count++] = copy;
+}
+
+// Hands the file to the readers from chunk `first` on; the chunks before
+// it are the batch thread's.
+void start_readers(ring_state &r) noexcept {
+    if (r.slots < 2) return;
+    ::pthread_mutex_lock(&r.mutex);
+    while (r.readers < ring_readers && ::pthread_create(&r.reader[r.readers], nullptr, read_ahead, &r) == 0)
+        ++r.readers;
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+void start_reading(ring_state &r, int fd, int64_t size, int64_t first) noexcept {
+    start_readers(r);
+    ::pthread_mutex_lock(&r.mutex);
+    cancel_prefetches_locked(r);
+    if (r.readers > 0) {
+        r.fd = fd;
+        r.size = size;
+        r.next = first;
+        r.given_back = 0;
+        r.last = INT64_MAX;
+        ::pthread_cond_broadcast(&r.wake);
+    }
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+// Ends the reading of the current file: no reader touches it or the
+// buffers afterwards.
+void stop_reading(ring_state &r) noexcept {
+    ::pthread_mutex_lock(&r.mutex);
+    r.fd = -1;
+    while (r.busy > 0) ::pthread_cond_wait(&r.read, &r.mutex);
+    for (int64_t &c : r.chunk_of) c = -1;
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+// Chunk k of the file into its slot: from the readers when they read this
+// file, else read here. The bytes read (-1: error in *error).
+ssize_t take_chunk(ring_state &r, int fd, int64_t size, int64_t k, int *error) noexcept {
+    const int s = static_cast<int>(k % r.slots);
+    ::pthread_mutex_lock(&r.mutex);
+    const bool ahead = r.fd >= 0;
+    while (ahead && r.chunk_of[s] != k) ::pthread_cond_wait(&r.read, &r.mutex);
+    const ssize_t n = ahead ? r.got[s] : 0;
+    *error = ahead ? r.error[s] : 0;
+    ::pthread_mutex_unlock(&r.mutex);
+    if (ahead) return n;
+    if (k > 0) cancel_prefetches(r);
+    return read_chunk(fd, r.slot[s], r.slot_size, k * static_cast<int64_t>(r.slot_size), size, error);
+}
+
+void give_back(ring_state &r, int64_t k) noexcept {
+    ::pthread_mutex_lock(&r.mutex);
+    r.chunk_of[k % r.slots] = -1;
+    r.given_back = k + 1;
+    ::pthread_cond_signal(&r.wake);  // one buffer: one reader
+    ::pthread_mutex_unlock(&r.mutex);
+}
+
+// The ring of the call: the batch's, or a fresh one held by `own`.
+ring_state *ring_of(copy_ring *ring, copy_ring &own) noexcept {
+    copy_ring &use = ring != nullptr ? *ring : own;
+    if (use.state == nullptr) use.state = new (std::nothrow) ring_state;
+    if (use.state != nullptr && use.state->slots == 0) (void)allocate_slots(*use.state);
+    return use.state != nullptr && use.state->slots > 0 ? use.state : nullptr;
+}
+
+// One file's copy as the batch thread sees it.
+struct file_copy {
+    const reporter &report;
+    TransferProgress &progress;
+    const char *source;
+    const char *target;
+    ring_state &ring;
+    int64_t size;
+    int64_t threshold = 0;
+    int64_t steps_done = 0;
+    int64_t remaining = 0;
+    int32_t code = 0;
+    plugin::unique_fd in{-1};
+    plugin::unique_fd out{-1};
+    bool direct_read = false;
+    bool direct_write = false;
+    bool cached_write = false;
+    bool first_write = true;
+    bool from_network = false;
+    ssize_t prefetched = -1;  // bytes of chunk 0 the direct-read test brought in (-1: none)
+    prefetch_record *ahead = nullptr;  // the file as a reader read it ahead
+    char *first_data = nullptr;        // where chunk 0 is, when not in buffer 0
+};
+
+// Report points and the advance count (the file counts in full at once).
+void plan_reports(file_copy &c) noexcept {
+    TransferProgress &p = c.progress;
+    c.threshold = report_threshold(p, c.size);
+    c.steps_done = p.step > 0 ? p.item_done / p.step : 0;
+    c.remaining = c.size;
+    p.item_done += c.size;
+    p.whole_done += c.size;
+    c.from_network = std::strstr(c.source, "/NETWORK_SHARE/") != nullptr;
+}
+
+// Source, then target. Files of 1024 bytes and more ask for direct reads,
+// targets off "SATA_" paths for direct writes.
+void open_files(file_copy &c) noexcept {
+    c.direct_read = c.size >= 1024;
+    if (c.ahead != nullptr) {
+        c.in.reset(c.ahead->fd);
+        c.direct_read = c.ahead->direct;
+    } else {
+        c.in.reset(open_maybe_direct(c.source, source_flags, &c.direct_read));
+    }
+    if (!c.in.valid()) {
+        c.code = +rc::open_failed;
+        return;
+    }
+    c.direct_write = std::strstr(c.target, "SATA_") == nullptr;
+    c.out.reset(open_maybe_direct(c.target, target_flags, &c.direct_write));
+    if (!c.out.valid()) c.code = +rc::open_failed;
+}
+
+// The direct-read test. A file that fits one buffer is read whole by it
+// (see whole_probe); a larger one reads its first block. Nothing read: a
+// cached descriptor instead.
+void test_direct_read(file_copy &c) noexcept {
+    if (c.ahead != nullptr) {
+        // Read ahead whole, the test included.
+        if (c.direct_read) std::fputs("read  - Using DIRECT IO !!!\n", stderr);
+        c.prefetched = c.ahead->got;
+        c.first_data = c.ring.slot[c.ahead - c.ring.ahead + 1];
+        return;
+    }
+    if (!c.direct_read) return;
+    const std::size_t whole = whole_probe(c.size);
+    const std::size_t length = whole <= c.ring.slot_size ? whole : copy_alignment;
+    int error = 0;
+    ssize_t probe = -1;
+    for (;;) {
+        probe = ::pread(c.in.get(), c.ring.slot[0], length, 0);
+        if (probe >= 0 || errno != EINTR) break;
+    }
+    if (probe > 0) {
+        std::fputs("read  - Using DIRECT IO !!!\n", stderr);
+        if (length == whole) {
+            // The whole file unless it grew: then read on.
+            c.prefetched = probe;
+            if (probe == static_cast<ssize_t>(length) || probe < c.size) {
+                const ssize_t more = read_chunk(c.in.get(), c.ring.slot[0] + probe, c.ring.slot_size - probe, probe,
+                                                c.size, &error);
+                c.prefetched = more < 0 ? -1 : probe + more;
+            }
+        }
+        return;
+    }
+    std::fputs("read  - Normal read !!!\n", stderr);
+    c.direct_read = false;
+    c.in.reset(::open(c.source, source_flags));
+    if (!c.in.valid()) c.code = +rc::reopen_failed;
+}
+
+void send_start(file_copy &c) noexcept {
+    if (quiet_file_start.load(std::memory_order_relaxed) != 0) return;
+    // The start event's percent is a fraction without the factor 100: it
+    // reads 0.
+    const TransferProgress &p = c.progress;
+    const int32_t percent = p.item_total == 0 ? 0 : static_cast<int32_t>((p.item_done - c.size) / p.item_total);
+    c.report.send(percent, c.size, 0);
+}
+
+// Writes chunk k (got bytes); false with the code set when it failed.
+bool write_chunk_of(file_copy &c, int64_t k, const char *data, ssize_t got) noexcept {
+    const auto chunk = static_cast<ssize_t>(c.ring.slot_size);
+    if (got < chunk && c.direct_write) {
+        // Direct transfers need whole aligned blocks: the tail goes
+        // through the cache.
+        if (::fcntl(c.out.get(), F_SETFL, 0) != 0) {  // O_DIRECT off
+            c.code = +rc::write_failed;
+            return false;
+        }
+        c.direct_write = false;
+    }
+    if (!c.direct_write) c.cached_write = true;
+    const int64_t offset = k * static_cast<int64_t>(c.ring.slot_size);
+    ssize_t put = write_chunk(c.out.get(), data, static_cast<std::size_t>(got), offset);
+    if (put < 1 && c.first_write && c.direct_write) {
+        c.out.reset(::open(c.target, target_flags, 0777));
+        c.direct_write = false;
+        c.cached_write = true;
+        put = c.out.valid() ? write_chunk(c.out.get(), data, static_cast<std::size_t>(got), offset) : -1;
+    }
+    c.first_write = false;
     if (put >= 1) return true;
-    std::fprintf(stderr, "write error=%d %d\n", error, static_cast<int>(put));
+    std::fprintf(stderr, "write error=%d %d\n", errno, static_cast<int>(put));
+    c.code = +rc::write_failed;
     return false;
 }
 
+// A report is due once the bytes still unread fall below the threshold.
+void report_progress(file_copy &c) noexcept {
+    if (c.remaining >= c.threshold) return;
+    const TransferProgress &p = c.progress;
+    const int64_t percent = p.step == sixteen_mib ? (p.item_done - c.threshold) * 100 / p.item_total : c.steps_done + 1;
+    c.steps_done = percent;
+    c.report.send(static_cast<int32_t>(percent), c.threshold, 0);
+    c.threshold -= p.step;
+}
+
+// The chunks in order, read ahead by the ring's readers for files of more
+// than one buffer, written here.
+void copy_chunks(file_copy &c) noexcept {
+    ring_state &r = c.ring;
+    const auto chunk = static_cast<int64_t>(r.slot_size);
+    const bool ahead = c.prefetched < 0 || c.prefetched == chunk;
+    if (ahead && c.size > chunk) start_reading(r, c.in.get(), c.size, c.prefetched < 0 ? 0 : 1);
+    for (int64_t k = 0; c.code == 0; ++k) {
+        int error = 0;
+        ssize_t got;
+        if (k == 0 && c.prefetched >= 0) {
+            got = c.prefetched;
+        } else {
+            got = take_chunk(r, c.in.get(), c.size, k, &error);
+        }
+        if (got < 0) {
+            // A read error is not the end of the file: the copy is
+            // incomplete and a move must keep its source.
+            c.code = +rc::open_failed;
+            break;
+        }
+        if (got < 1) break;
+        c.remaining = c.remaining < chunk ? 0 : c.remaining - chunk;
+        char *const data = k == 0 && c.first_data != nullptr ? c.first_data : r.slot[k % r.slots];
+        if (c.from_network) flush_data_cache(data, got);
+        const bool written = write_chunk_of(c, k, data, got);
+        give_back(r, k);
+        if (!written) break;
+        report_progress(c);
+        if (got < chunk) break;  // the end of the file
+    }
+    stop_reading(r);
+}
+
+// Closes both files; the source's pages read through the cache are dropped
+// at once, the target's once written back.
+void close_files(file_copy &c) noexcept {
+    if (c.in.valid() && !c.direct_read) (void)::posix_fadvise(c.in.get(), 0, 0, POSIX_FADV_DONTNEED);
+    c.in.reset();
+    if (!c.out.valid()) return;
+    if (c.cached_write && c.code == 0) defer_cached_target(c.ring, c.out.get());
+    if (!c.out.close_checked() && c.code == 0) {
+        std::fprintf(stderr, "write error=%d %d\n", errno, -1);
+        c.code = +rc::write_failed;
+    }
+}
+
 }  // namespace
+
+void release_ring_state(ring_state *state) noexcept {
+    if (state == nullptr) return;
+    ring_state &r = *state;
+    ::pthread_mutex_lock(&r.mutex);
+    r.quit = true;
+    ::pthread_cond_broadcast(&r.wake);
+    ::pthread_mutex_unlock(&r.mutex);
+    for (int i = 0; i < r.readers; ++i) ::pthread_join(r.reader[i], nullptr);
+    for (auto &f : r.ahead) free_record(f);
+    while (r.cached_count > 0) drop_oldest_cached(r);
+    for (int i = 0; i < r.slots; ++i) ::free(r.slot[i]);
+    delete state;
+}
 
 const char *base_name(const char *path) noexcept {
     if (path == nullptr) return "";
@@ -218,166 +648,40 @@ const char *base_name(const char *path) noexcept {
 }
 
 int32_t copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
-                                uint32_t operation, const char *from, const char *to) noexcept {
+                                uint32_t operation, const char *from, const char *to, copy_ring *ring) noexcept {
     const reporter report{progress, operation, base_name(source), from, to};
     const int64_t size = filesize64(source);
+    ring_state *const shared = ring != nullptr ? ring->state : nullptr;
+    prefetch_record *const ahead = shared != nullptr ? claim_prefetch(*shared, source, size) : nullptr;
     if (size == 0) {
-        plugin::unique_fd empty(create_target(target));
+        plugin::unique_fd empty(::open(target, target_flags, 0777));
         if (empty.valid() && empty.close_checked()) return +rc::ok;
     }
     if (size <= 0 || !fits_destination(progress.permission_kind, size)) {
+        if (ahead != nullptr) release_prefetch(*shared, *ahead, false);
         report.send_current(+rc::io);
         return +rc::io;
     }
-    aligned_buffer buffer = allocate_copy_buffer();
-    if (buffer.data == nullptr) {
+    copy_ring own;
+    ring_state *buffers = ring_of(ring, own);
+    if (buffers == nullptr) {
         report.send_current(+rc::io);
         return +rc::io;
     }
-    char *const data = buffer.data.get();
-    const auto chunk = static_cast<int64_t>(buffer.size);
-
-    int64_t threshold = report_threshold(progress, size);
-    int64_t steps_done = progress.step > 0 ? progress.item_done / progress.step : 0;
-    int64_t remaining = size;
-    progress.item_done += size;
-    progress.whole_done += size;
-    const bool from_network = std::strstr(source, "/NETWORK_SHARE/") != nullptr;
-
-    int32_t code = 0;
-    plugin::unique_fd in(open_source(source));
-    plugin::unique_fd out;
-    if (in.valid()) out.reset(create_target(target));
-    if (!in.valid() || !out.valid()) code = +rc::open_failed;
-
-    // Files of more than one buffer are copied in two halves, the write of
-    // one overlapping the read of the next.
-    background_writer writer;
-    const bool overlap = code == 0 && size > chunk && writer.start();
-    const std::size_t chunk_size = overlap ? buffer.size / 2 : buffer.size;
-    bool direct_write = false;
-    bool direct_read = false;
-    std::size_t prefetched = 0;  // probe bytes already at the start of the buffer
-    bool probe_reached_end = false;
-    if (code == 0) {
-        struct stat st{};
-        if (::fstat(in.get(), &st) == 0 && st.st_size >= 1024 && set_direct(in.get())) {
-            // The test read: one block, or the whole file when it fits one
-            // chunk (then it is the only read the file costs). Its bytes
-            // are kept as the start of the first chunk.
-            const std::size_t probe_size =
-                size <= static_cast<int64_t>(chunk_size)
-                    ? static_cast<std::size_t>((size + copy_alignment - 1) / copy_alignment * copy_alignment)
-                    : copy_alignment;
-            const ssize_t probe = read_some(in.get(), data, probe_size);
-            if (probe > 0) {
-                std::fputs("read  - Using DIRECT IO !!!\n", stderr);
-                direct_read = true;
-                prefetched = static_cast<std::size_t>(probe);
-                probe_reached_end = prefetched < probe_size || probe_size == chunk_size ||
-                                    prefetched % copy_alignment != 0;
-            } else {
-                std::fputs("read  - Normal read !!!\n", stderr);
-                in.reset(open_source(source));
-                if (!in.valid()) code = +rc::reopen_failed;
-            }
-        }
-    }
-    if (code == 0 && std::strstr(target, "SATA_") == nullptr && set_direct(out.get())) {
-        direct_write = true;
-        std::fputs("write - Using DIRECT IO !!!\n", stderr);
-    }
-    if (code == 0 && quiet_file_start.load(std::memory_order_relaxed) == 0) {
-        // The start event's percent is a fraction without the factor 100:
-        // it reads 0.
-        const int32_t percent =
-            progress.item_total == 0 ? 0 : static_cast<int32_t>((progress.item_done - size) / progress.item_total);
-        report.send(percent, size, 0);
-    }
-
-    const auto step_bytes = static_cast<int64_t>(chunk_size);
-    char *const halves[2] = {data, data + (overlap ? chunk_size : 0)};
-    int half = 0;
-    bool first_write = true;
-    while (code == 0) {
-        char *const part = halves[half];
-        ssize_t got;
-        if (prefetched > 0) {
-            got = static_cast<ssize_t>(prefetched);
-            if (!probe_reached_end) {
-                const ssize_t more = read_some(in.get(), part + prefetched, chunk_size - prefetched);
-                got = more < 0 ? -1 : got + more;
-            }
-            prefetched = 0;
-        } else {
-            got = read_some(in.get(), part, chunk_size);
-        }
-        if (got < 0) {
-            // A read error is not the end of the file: the copy is
-            // incomplete and a move must keep its source.
-            code = +rc::open_failed;
-            break;
-        }
-        if (got < 1) break;
-        remaining = remaining < step_bytes ? 0 : remaining - step_bytes;
-        if (overlap && !drain(writer)) {
-            code = +rc::write_failed;
-            break;
-        }
-        if (got < step_bytes && direct_read) {
-            // Past a short read the offset is unaligned: read on through
-            // the cache.
-            const int flags = ::fcntl(in.get(), F_GETFL);
-            if (flags >= 0) ::fcntl(in.get(), F_SETFL, flags & ~O_DIRECT);
-            direct_read = false;
-        }
-        if (got < step_bytes) {
-            // The unaligned tail goes through the cache.
-            out.reset(::open(target, O_WRONLY | O_CLOEXEC));
-            if (!out.valid() || ::lseek(out.get(), 0, SEEK_END) < 0) {
-                code = +rc::write_failed;
-                break;
-            }
-            direct_write = false;
-        }
-        if (from_network) flush_data_cache(part, got);
-        if (overlap && !first_write && got == step_bytes) {
-            writer.submit(out.get(), part, static_cast<std::size_t>(got));
-        } else {
-            ssize_t put = write_all(out.get(), part, static_cast<std::size_t>(got));
-            if (put < 1 && first_write && direct_write) {
-                out.reset(create_target(target));
-                direct_write = false;
-                put = out.valid() ? write_all(out.get(), part, static_cast<std::size_t>(got)) : -1;
-            }
-            if (put < 1) {
-                std::fprintf(stderr, "write error=%d %d\n", errno, static_cast<int>(put));
-                code = +rc::write_failed;
-                break;
-            }
-        }
-        first_write = false;
-        if (remaining < threshold) {
-            const int64_t percent = progress.step == sixteen_mib
-                                        ? (progress.item_done - threshold) * 100 / progress.item_total
-                                        : steps_done + 1;
-            steps_done = percent;
-            report.send(static_cast<int32_t>(percent), threshold, 0);
-            threshold -= progress.step;
-        }
-        if (overlap) half ^= 1;
-    }
-    if (overlap && !drain(writer) && code == 0) code = +rc::write_failed;
-    if (remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, 0);
-
-    in.reset();
-    if (out.valid() && !out.close_checked() && code == 0) {
-        std::fprintf(stderr, "write error=%d %d\n", errno, -1);
-        code = +rc::write_failed;
-    }
-    if (code == 0) return +rc::ok;
-    report.send(percent_of(progress.item_done - remaining, progress.item_total), remaining, code);
-    return code;
+    file_copy c{.report = report, .progress = progress, .source = source, .target = target, .ring = *buffers, .size = size};
+    c.ahead = ahead;
+    plan_reports(c);
+    open_files(c);
+    if (c.code == 0) test_direct_read(c);
+    if (c.code == 0 && c.direct_write) std::fputs("write - Using DIRECT IO !!!\n", stderr);
+    if (c.code == 0) send_start(c);
+    if (c.code == 0) copy_chunks(c);
+    if (c.remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, 0);
+    close_files(c);
+    if (c.ahead != nullptr) release_prefetch(*buffers, *c.ahead, true);
+    if (c.code == 0) return +rc::ok;
+    report.send(percent_of(progress.item_done - c.remaining, progress.item_total), c.remaining, c.code);
+    return c.code;
 }
 
 namespace {
@@ -429,11 +733,30 @@ bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcep
     return true;
 }
 
+using walk_position = std::vector<folder_entry>::reverse_iterator;
+
+// Asks the ring's readers to read the walk's next regular files ahead, from
+// `next` up to the first folder, as far as buffers are free.
+void read_files_ahead(copy_ring &ring, walk_position &next, walk_position end, const char *folder,
+                      std::size_t folder_length) noexcept {
+    ring_state *r = ring.state;
+    if (r == nullptr) return;
+    plugin::path_buffer path;
+    for (; next != end && !next->is_folder; ++next) {
+        if (next->d_type != DT_REG || folder_length + next->name.size() >= plugin::path_max) continue;
+        std::memcpy(path, folder, folder_length);
+        std::memcpy(path + folder_length, next->name.c_str(), next->name.size() + 1);
+        if (!request_prefetch(*r, path)) return;
+    }
+}
+
 }  // namespace
 
 int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buffer &target,
                                   TransferProgress &progress, uint32_t operation, const char *from,
-                                  const char *to) noexcept {
+                                  const char *to, copy_ring *ring) noexcept {
+    copy_ring own;  // every file of the tree shares one ring
+    if (ring == nullptr) ring = &own;
     const reporter report{progress, operation, base_name(source), from, to};
     std::size_t source_length = std::strlen(source);
     std::size_t target_length = std::strlen(target);
@@ -459,8 +782,12 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
         report.send_current(+rc::open_failed);
         return +rc::open_failed;
     }
+    if (ring_state *r = ring_of(ring, own)) start_readers(*r);
+    walk_position ahead = entries.rbegin();
     int32_t result = 0;
     for (auto e = entries.rbegin(); e != entries.rend() && result == 0; ++e) {
+        if (ahead < e) ahead = e;
+        read_files_ahead(*ring, ahead, entries.rend(), source, source_length);
         const std::size_t name_length = e->name.size();
         if (source_length + name_length >= plugin::path_max || target_length + name_length >= plugin::path_max)
             continue;
@@ -470,13 +797,14 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
             continue;
         }
         std::memcpy(target + target_length, e->name.c_str(), name_length + 1);
-        result = e->is_folder ? copy_folder_with_progress(source, target, progress, operation, from, to)
-                              : copy_file_with_progress(source, target, progress, operation, from, to);
+        result = e->is_folder ? copy_folder_with_progress(source, target, progress, operation, from, to, ring)
+                              : copy_file_with_progress(source, target, progress, operation, from, to, ring);
         (void)::lchown(target, user_owner, user_group);
         source[source_length] = '\0';
         target[target_length] = '\0';
         quiet_file_start.store(1, std::memory_order_relaxed);
     }
+    if (ring->state != nullptr) cancel_prefetches(*ring->state);  // files a failure left unread
     quiet_file_start.store(0, std::memory_order_relaxed);
     return result;
 }

@@ -22,15 +22,39 @@ inline constexpr std::size_t copy_buffer_min = 16384;     // smallest buffer tri
 inline constexpr std::size_t copy_alignment = 512;
 inline constexpr int64_t four_gib = int64_t{1} << 32;
 
-// Copies one regular file. 0, 4, 27, 29 or 30.
+// The buffers and reader threads of one batch, reused by every file it
+// copies: up to four aligned buffers of copy_buffer_size (halved down to
+// copy_buffer_min when memory is short), two threads reading ahead into
+// them while the batch thread writes, and the targets written through the
+// cache whose pages are dropped once written back. Made on first use; one
+// per batch thread, never shared.
+struct ring_state;
+void release_ring_state(ring_state *state) noexcept;
+struct copy_ring {
+    ring_state *state = nullptr;
+    copy_ring() noexcept = default;
+    copy_ring(const copy_ring &) = delete;
+    copy_ring &operator=(const copy_ring &) = delete;
+    ~copy_ring() { release_ring_state(state); }
+};
+// Stops the threads, drops the written-back pages of cached targets and
+// frees the buffers (the destructor does the same).
+inline void finish_copy_ring(copy_ring &ring) noexcept {
+    release_ring_state(ring.state);
+    ring.state = nullptr;
+}
+
+// Copies one regular file. 0, 4, 27, 29 or 30. Without a ring the call
+// makes its own.
 int32_t copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
-                                uint32_t operation, const char *from, const char *to) noexcept;
+                                uint32_t operation, const char *from, const char *to,
+                                copy_ring *ring = nullptr) noexcept;
 
 // Copies a folder tree; source and target are 4096-byte working buffers,
 // extended and restored in place. 0, 4, 11, or a failing file's code.
 int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buffer &target,
                                   TransferProgress &progress, uint32_t operation, const char *from,
-                                  const char *to) noexcept;
+                                  const char *to, copy_ring *ring = nullptr) noexcept;
 
 // Moves within one drive with "mv". 0, 4 or 12.
 int32_t move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,
