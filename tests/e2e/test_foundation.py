@@ -112,14 +112,6 @@ def test_cross_build_is_mips32_little_endian():
         assert "ELF 32-bit LSB" in out and "MIPS" in out, out
 
 
-def test_host_runs_with_working_directory_root(make_host, tmp_path):
-    # The plug-in resolves untranslated paths against "/" whatever the
-    # directory the host was started from.
-    h = make_host(cwd=tmp_path)
-    h.run("no_such_command")
-    assert os.readlink(f"/proc/{h.proc.pid}/cwd") == "/"
-
-
 @pytest.mark.native_only
 def test_drives_option_binds_a_folder_in_a_private_namespace(tmp_path, drives):
     # The plug-in is loaded from inside the bound folder: that only works

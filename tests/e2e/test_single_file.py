@@ -2,6 +2,7 @@
 file information, copy, move, backup, delete, folder creation and rename,
 with the file-system failures that the result codes stand for."""
 import os
+import shutil
 import struct
 import subprocess
 import zlib
@@ -9,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import Host
+from conftest import BUILD_DIR, OPT, PLUGIN, VTR_HOST, Host
 
 MiB = 1024 * 1024
 
@@ -425,12 +426,19 @@ def test_over_long_paths_get_the_translation_failure_code(host, drives, words, c
 
 
 class OtherUserHost(Host):
-    """A host process of its own running as user 1001 without groups."""
+    """A host process of its own running as user 1001 without groups, from
+    copies of the programs in a folder that user reaches wherever the build is."""
 
     def start(self):
+        own = OPT / "user1001"
+        own.mkdir(exist_ok=True)
+        own.chmod(0o755)
+        for program in (VTR_HOST, PLUGIN, BUILD_DIR / "libvtrsim.so"):
+            shutil.copy2(program, own)
         switch = ["setpriv", "--reuid=1001", "--regid=1001", "--clear-groups"]
         if self.cmd[:len(switch)] != switch:
-            self.cmd = switch + self.cmd
+            self.cmd = switch + [str(own / VTR_HOST.name) if c == str(VTR_HOST) else c for c in self.cmd]
+        self.env = {**(self.env or {}), "LD_LIBRARY_PATH": str(own)}
         super().start()
 
 
