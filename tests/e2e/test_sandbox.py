@@ -41,7 +41,7 @@ def test_relative_paths_land_in_the_private_working_directory(make_host, run_cli
             assert p.stdout.startswith(b"result: 0"), p.stderr
         assert not Path("/probe.txt").exists()
     finally:
-        for leftover in (p for p in (Path("/probe.txt"), WORK / "probe.txt") if p.exists()):
+        for leftover in (f for f in (Path("/probe.txt"), WORK / "probe.txt") if f.exists()):
             leftover.unlink()
 
 
