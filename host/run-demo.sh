@@ -61,6 +61,7 @@ esac
 echo "vtr-cmdserver on the demo drives: open http://${shown:-$bind}:$port/ in a browser (Ctrl-C stops)" >&2
 
 # Everything below runs inside the namespace, the build tree reachable there.
+build=$(cd "$build" && pwd -P)
 export VTR_SANDBOX_WRITABLE="$build"
 exec "$repo/tests/sandbox.sh" /bin/sh -euc '
     repo=$1 build=$2 port=$3 bind=$4 in_place=$5
