@@ -41,10 +41,12 @@ for t in $targets; do
         failed=1
     fi
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
+    [ "${runs:-0}" -gt 0 ] || { status=FAILED; failed=1; }  # a target that never ran failed
     total=$((total + ${runs:-0}))
     printf '%-20s %-6s %12s executions in %4ss  (log %s)\n' "$t" "$status" "${runs:-?}" \
         "$(( $(date +%s) - start ))" "$log"
     [ "$status" = ok ] || tail -40 "$log"
 done
 printf 'total %s executions\n' "$total"
+[ -n "$targets" ] || { echo "no fuzz target was built"; failed=1; }
 exit $failed

@@ -698,9 +698,9 @@ int main(int argc, char **argv) {
     std::string web_dir = absolute(opt.web_dir);
     if (!opt.config.empty()) ::setenv("VTR_CONFIG", absolute(opt.config).c_str(), 1);
     if (!opt.drives.empty()) {
-        if (host::enter_drives_namespace(absolute(opt.drives), argv, "vtr-cmdserver") != 0) return 1;
+        if (host::enter_drives_namespace(absolute(opt.drives), argv, "vtr-cmdserver", {plugin, web_dir}) != 0) return 1;
     }
-    if (::chdir("/") != 0) std::perror("vtr-cmdserver: chdir /");
+    host::enter_work_directory("vtr-cmdserver");
 
     static server_state state;
     g_state = &state;

@@ -2,10 +2,12 @@
 # host/run-demo.sh [--port N] [--bind ADDRESS] [--in-place] [-- SERVER-OPTION...]
 #
 # Builds vtr-cmdserver if needed and serves the demo drive tree (demo/) with
-# it in a private mount namespace that looks like the player: tmpfs on
-# /opt/vtrhttpd and /tmp (tests/sandbox.sh). The drives are a copy of
-# demo/drives, so copies, moves and deletes made from the console are gone
-# when the server stops; --in-place binds demo/drives itself instead.
+# it in the sandbox (tests/sandbox.sh): a private mount namespace that looks
+# like the player (tmpfs on /opt/vtrhttpd and /tmp), where the rest of the
+# machine is read-only and the home folders are hidden, so a client reaches
+# nothing but the drives. The drives are a copy of demo/drives, so copies,
+# moves and deletes made from the console are gone when the server stops;
+# --in-place binds demo/drives itself (writable) instead.
 # Open the printed address in a browser; Ctrl-C stops the server.
 #
 # Environment: BUILD_DIR (default <repository>/build/pc, the test command's PC
@@ -23,14 +25,11 @@ while [ $# -gt 0 ]; do
         --bind) bind=$2; shift 2 ;;
         --in-place) in_place=1; shift ;;
         --) shift; break ;;
-        -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        -h|--help) sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
         *) echo "run-demo.sh: unknown option $1 (see --help)" >&2; exit 2 ;;
     esac
 done
 
-case $build in
-    /tmp/*) echo "run-demo.sh: keep the build tree out of /tmp (the namespace hides it)" >&2; exit 2 ;;
-esac
 # On a fresh Debian machine (as root) install what building needs.
 if [ "$(id -u)" = 0 ] && command -v apt-get > /dev/null; then
     missing=""
@@ -61,13 +60,16 @@ esac
 [ "$bind" = 0.0.0.0 ] && shown=$(hostname -I 2>/dev/null | cut -d' ' -f1) && [ -n "$shown" ] || true
 echo "vtr-cmdserver on the demo drives: open http://${shown:-$bind}:$port/ in a browser (Ctrl-C stops)" >&2
 
-# Everything below runs inside the namespace.
+# Everything below runs inside the namespace, the build tree reachable there.
+build=$(cd "$build" && pwd -P)
+export VTR_SANDBOX_WRITABLE="$build"
 exec "$repo/tests/sandbox.sh" /bin/sh -euc '
     repo=$1 build=$2 port=$3 bind=$4 in_place=$5
     shift 5
     drives=/opt/vtrhttpd/localhost.drives
     if [ "$in_place" = 1 ]; then
-        mount --bind "$repo/demo/drives" "$drives"
+        mount -n --bind "$repo/demo/drives" "$drives"
+        mount -n -o remount,bind,rw "$drives"
     else
         cp -a "$repo/demo/drives/." "$drives/"
     fi

@@ -322,7 +322,7 @@ int main(int argc, char **argv) {
         usage();
         return 2;
     }
-    if (!drives.empty() && host::enter_drives_namespace(drives, argv, "vtr-host") != 0) return 1;
+    if (!drives.empty() && host::enter_drives_namespace(drives, argv, "vtr-host", {plugin_path}) != 0) return 1;
     if (plugin_path.empty()) plugin_path = default_plugin();
 
     // The host's own output keeps the original standard output; whatever
@@ -332,7 +332,7 @@ int main(int argc, char **argv) {
         protocol = ::fdopen(out_fd, "w");
         if (protocol == nullptr) return 1;
     }
-    if (::chdir("/") != 0) std::perror("vtr-host: chdir /");
+    host::enter_work_directory("vtr-host");
 
     plugin_handle p;
     if (!load_plugin(plugin_path, p)) return 1;

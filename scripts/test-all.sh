@@ -25,10 +25,15 @@ build() {  # dir, cmake args...
 }
 
 run_suite() {  # name, build dir
-  local name=$1 dir=$2
+  local name=$1 dir=$2 log=$2/Testing/Temporary/LastTest.log
   step "tests: $name"
-  if ! tests/sandbox.sh ctest --test-dir "$dir" --output-on-failure --timeout 1800; then
+  rm -f "$log"
+  if ! tests/sandbox.sh ctest --test-dir "$dir" --output-on-failure --no-tests=error --timeout 1800; then
     failed+=("$name")
+  # A suite in which no test ran did not pass: GoogleTest's and pytest's counts.
+  elif ! grep -Eq '^\[  PASSED  \] [1-9][0-9]* test' "$log" || ! grep -Eq '\b[1-9][0-9]* passed' "$log"; then
+    echo "no unit test or no end-to-end test ran in $name (see $log)"
+    failed+=("$name(no-tests)")
   fi
 }
 
@@ -56,7 +61,7 @@ for stage in $stages; do
       rm -rf "$root/build/asan-logs"
       mkdir -p "$root/build/asan-logs"
       chmod 1777 "$root/build/asan-logs"
-      ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:log_path=$root/build/asan-logs/asan \
+      ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:log_path='$root/build/asan-logs/asan'" \
         UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan "$root/build/asan"
       if [[ -n $(ls -A "$root/build/asan-logs") ]]; then
         cat "$root"/build/asan-logs/*
@@ -64,8 +69,8 @@ for stage in $stages; do
       fi
       ;;
     fuzz)
-      step "fuzz: every target ${FUZZ_SECONDS:-60} s"
-      FUZZ_SECONDS=${FUZZ_SECONDS:-60} FUZZ_BUILD_DIR="$root/build/fuzz" fuzz/run.sh || failed+=(fuzz)
+      step "fuzz: every target ${FUZZ_SECONDS:-30} s"
+      FUZZ_SECONDS=${FUZZ_SECONDS:-30} FUZZ_BUILD_DIR="$root/build/fuzz" fuzz/run.sh || failed+=(fuzz)
       ;;
     tsan)
       step "ThreadSanitizer"

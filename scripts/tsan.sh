@@ -18,7 +18,11 @@ built=$(date +%s)
 export FILEOP_THREAD_SECONDS="${FILEOP_THREAD_SECONDS:-20}"
 export TSAN_OPTIONS="halt_on_error=1 exitcode=66 second_deadlock_stack=1 ${TSAN_OPTIONS:-}"
 status=0
-tests/sandbox.sh "$build/tests/unit_tests" --gtest_color=no --gtest_filter="$filter" || status=$?
+{ tests/sandbox.sh "$build/tests/unit_tests" --gtest_color=no --gtest_filter="$filter" 2>&1 || echo "tsan exit $?"; } |
+    tee "$build/tsan.log"
+status=$(sed -n 's/^tsan exit //p' "$build/tsan.log")
+status=${status:-0}
+grep -Eq '^\[  PASSED  \] [1-9]' "$build/tsan.log" || { echo "tsan: no test ran"; [ "$status" != 0 ] || status=1; }
 end=$(date +%s)
 echo "tsan: build $((built - start)) s, tests $((end - built)) s, exit $status"
 exit $status

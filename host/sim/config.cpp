@@ -19,6 +19,24 @@ bool path_under(std::string_view path, std::string_view prefix) {
     return path.size() == prefix.size() || path[prefix.size()] == '/' || prefix == "/";
 }
 
+// Appends the share-relative part of an address to the share's folder with
+// "." and ".." resolved; nothing when ".." climbs out of the share.
+std::optional<std::string> append_inside(std::string local, std::string_view rest) {
+    const std::size_t base = local.size();
+    while (!rest.empty()) {
+        std::size_t slash = rest.find('/', 1);
+        std::string_view part = rest.substr(0, slash);  // with its leading '/'
+        rest.remove_prefix(part.size());
+        if (part == "/..") {
+            if (local.size() == base) return std::nullopt;
+            local.erase(local.rfind('/'));
+        } else if (part != "/." && (part != "/" || rest.empty())) {
+            local += part;
+        }
+    }
+    return local;
+}
+
 }  // namespace
 
 std::string config_path() {
@@ -93,8 +111,7 @@ std::optional<std::string> map_share_url(std::string_view address) {
         std::string local = network_share_root;
         local += '/';
         local += *name;
-        local += rest;
-        return local;
+        return append_inside(local, rest);
     }
     return std::nullopt;
 }

@@ -2,6 +2,7 @@
 every request may come from any device on the LAN. The plug-in answers with
 a result code, runs no command it was not asked to, changes nothing but the
 request's own target and keeps its memory and descriptors bounded."""
+import fcntl
 import hashlib
 import json
 import os
@@ -227,7 +228,8 @@ def test_long_run_memory_and_descriptors(fresh_host, drives):
     for k in range(len(requests) * 50):  # warm-up: allocator pools, lazily loaded tables
         r = requests[k % len(requests)]
         assert host.request_line(r)["result"] in ((0, 2) if "from_list" in r else (0,))  # 2: a batch still runs
-    time.sleep(0.5)
+    with open("/tmp/fslist.lock", "a") as lock:  # the last batch ends: it holds this lock and its files
+        fcntl.flock(lock, fcntl.LOCK_EX)
     fds, before = fd_count(), rss()
     for k in range(int(os.environ.get("VTR_LONG_RUN_REQUESTS", "20000"))):
         assert "result" in host.request_line(requests[k % len(requests)])

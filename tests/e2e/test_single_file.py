@@ -4,12 +4,13 @@ the result code of each, and the errno behind it. (Read spans, the errno
 table and translation limits are unit tables; hostile names are in
 test_hardening.py.)"""
 import os
+import shutil
 import struct
 import subprocess
 
 import pytest
 
-from conftest import Host
+from conftest import BUILD_DIR, OPT, PLUGIN, VTR_HOST, Host
 
 
 def mount(path, *options):
@@ -127,12 +128,19 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
 
 
 class OtherUserHost(Host):
-    """A host process of its own running as user 1001 without groups."""
+    """A host process of its own running as user 1001 without groups, from
+    copies of the programs in a folder that user reaches wherever the build is."""
 
     def start(self):
+        own = OPT / "user1001"
+        own.mkdir(exist_ok=True)
+        own.chmod(0o755)
+        for program in (VTR_HOST, PLUGIN, BUILD_DIR / "libvtrsim.so"):
+            shutil.copy2(program, own)
         switch = ["setpriv", "--reuid=1001", "--regid=1001", "--clear-groups"]
         if self.cmd[:len(switch)] != switch:
-            self.cmd = switch + self.cmd
+            self.cmd = switch + [str(own / VTR_HOST.name) if c == str(VTR_HOST) else c for c in self.cmd]
+        self.env = {**(self.env or {}), "LD_LIBRARY_PATH": str(own)}
         super().start()
 
 
