@@ -1,6 +1,7 @@
 // The identity file's password text against the one reference reader
 // written here from the layout alone (identity files already on users'
 // drives must keep verifying), and our own reader's round trips.
+#include <algorithm>
 #include <random>
 #include <set>
 
@@ -62,6 +63,11 @@ TEST(Scramble, RoundTripsReadableByTheReferenceReader) {
                 ASSERT_TRUE(appstore::unscramble_app_password(back, text, id));
                 EXPECT_EQ(back, hex_of(password)) << "id " << id << " text " << text;
                 if (id == 42 && password == "p@s") texts.insert(text);
+                std::string upper = text;  // upper-case hex digits read the same to the reference reader
+                for (char &c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+                if (std::string p = reference_unscramble(upper, id); std::all_of(p.begin(), p.end(), ::isalnum)) {
+                    EXPECT_EQ(appstore::unscramble_app_password(back, upper.c_str(), id) ? back : "-", hex_of(p)) << upper;
+                }
             }
     EXPECT_EQ(texts.size(), 3u);  // fresh randomness: different texts
 }
@@ -77,6 +83,9 @@ TEST(Scramble, RefusalsDamagedTextsAndHexText) {
     EXPECT_FALSE(appstore::unscramble_app_password(back, "", 5));
     EXPECT_FALSE(appstore::unscramble_app_password(back, "a", 5));
     EXPECT_EQ(hex_of("Az~ "), "417a7e20");
+    appstore::app_random fixed(1700000000);  // the draws in the player's order: one text per seed
+    ASSERT_TRUE(appstore::scramble_app_password(text, 42, "", fixed));
+    EXPECT_STREQ(text, "7fcc0a9a0262c6a9b2347c9ecd79c173138ccb1");
     // Characters from 0x80 print as negative values: they never match what
     // a scrambled text gives back.
     EXPECT_EQ(hex_of("\xc3"), "ffffffc3");

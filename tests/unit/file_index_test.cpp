@@ -84,6 +84,9 @@ TEST_F(FileIndex, SortOrdersAndPathForms) {
     tree->file("f/movie.avi");
     std::string upper = index_of(entry("Movie.avi"), "", "").text("index"), lower = index_of(entry("movie.avi"), "", "").text("index");
     EXPECT_TRUE((upper == "6" && lower == "7") || (upper == "7" && lower == "6")) << upper << " " << lower;
+    tree->dir("f/v");  // a one-character name counts; a link to a folder is no folder
+    ASSERT_EQ(::symlink("a_plain", entry("w").c_str()), 0);
+    EXPECT_EQ(index_of(entry("v"), "", "").text("index") + "/" + index_of(entry("v"), "", "").text("total"), "3/8");
     struct path { std::string path; int32_t result; };
     for (const path &r : {path{entry("missing.avi"), 11}, {"INDEX_DRIVE/f/c.avi", 4},  // parent then read as written
                           {"INDEX_DRIVE", 11}, {"/", 11}, {"smb://unknown-nas/share/x.avi", 11}})

@@ -20,13 +20,13 @@ std::string lowered(std::string s) {
     return s;
 }
 
-// Names of letters (both cases), separators and digit runs with and
+// Names of letters (both cases), separators (":" follows "9") and digit runs with and
 // without leading zeros: the cases where the version order has states.
 std::string random_name(std::mt19937 &rng) {
     std::string s;
     for (int p = static_cast<int>(rng() % 5); p >= 0; --p)
         for (int i = 0, k = static_cast<int>(rng() % 3), n = 1 + static_cast<int>(rng() % 4); i < n; ++i)
-            s += k == 0 ? "aAbBzZ._-"[rng() % 9] : (k == 2 && i == 0) ? '0' : static_cast<char>('0' + rng() % 10);
+            s += k == 0 ? "aAbBzZ._-:"[rng() % 10] : (k == 2 && i == 0) ? '0' : static_cast<char>('0' + rng() % 10);
     return s;
 }
 

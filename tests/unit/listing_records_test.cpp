@@ -130,8 +130,11 @@ TEST_F(cache_fixture, EmptyAndTruncatedRecords) {
 
 TEST_F(cache_fixture, MissDeletesALargeCache) {
     std::string xml;
-    for (int i = 0; i < 24; ++i) add(("F" + std::to_string(i)).c_str(), 3);  // 24 * 2584 = 62016 bytes
+    for (int i = 0; i < 19; ++i) add(("F" + std::to_string(i)).c_str(), 3);  // 19 * 2584 bytes
+    add("E", 0);
+    std::ofstream(file, std::ios::app) << std::string(337, '\0');  // 50001 bytes: the limit
     EXPECT_EQ(lookup("F3", &xml), 0);
+    EXPECT_NE(xml.find("F3/n2</path><type>video</type><isFolder>no</isFolder></file></fileList>"), std::string::npos);
     EXPECT_TRUE(tu::fs::exists(file));
     EXPECT_EQ(lookup("G", &xml), 2);
     EXPECT_FALSE(tu::fs::exists(file));

@@ -10,6 +10,7 @@
 #include "storage/manage_commands.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
+#include "plugin/util.h"
 #include "test_util.h"
 
 namespace {
@@ -43,6 +44,7 @@ TEST(TranslateStoragePath, FormsAndLimits) {
     plugin::path_buffer b;
     EXPECT_EQ(storage::load_and_translate(b, std::string(4096, 'x').c_str()), -1);
     EXPECT_EQ(storage::load_and_translate(b, nullptr), -1);
+    EXPECT_TRUE(plugin::format_into(b, "%s", ""));  // an empty text fits
 }
 
 // Bytes a read returns for a file of `size` bytes: the span's read length,

@@ -80,10 +80,11 @@ struct WalkerTree : ::testing::Test {
                               "m/top.txt", "L/x/a.avi"})
             t.file(f);
         t.dir("m/a/empty");
+        for (int i = 0; i < 130; ++i) t.dir("m/many/d" + std::to_string(i));  // the visited-folder table grows
         for (int i = 0; i < 30; ++i) t.file("m/c/f" + std::to_string(i) + ".jpg");
         struct link { const char *target, *name; };
         for (link l : {link{"../a/b", "m/c/link_to_b"}, {"../c", "m/c/loop_to_c"}, {"missing.avi", "m/c/dangling"},
-                       {"f1.jpg", "m/c/link_to_file"}, {"loop2", "L/x/loop1"}, {"loop1", "L/x/loop2"}})
+                       {"f1.jpg", "m/c/link_to_file"}, {"../many/d5", "m/c/link_to_many"}, {"loop2", "L/x/loop1"}, {"loop1", "L/x/loop2"}})
             ASSERT_EQ(::symlink(l.target, t.at(l.name).c_str()), 0);
         ASSERT_EQ(::symlink((root + "/a").c_str(), (root + "/c/abs_link_to_a").c_str()), 0);
         ASSERT_EQ(::mkfifo((root + "/c/pipe").c_str(), 0644), 0);
