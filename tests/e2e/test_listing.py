@@ -109,11 +109,11 @@ def test_disc_in_the_drive(host, drives, code, name, path, is_folder):
     assert (cd.text_of("type"), usb.text_of("type")) == (want, want)
 
 
-def test_top_level_drives_and_shares(host, drives, config, usb_names):
+def test_top_level_drives_and_shares(host, drives, config):
     for d in ["USB_DRIVE_B", "USB_DRIVE_A", "SATA_DISK1/pvx_database", "NETWORK_SHARE", ".hidden", "USB_DRIVE_C"]:
         (drives / d).mkdir(parents=True)
     (drives / "SATA_DISK1/pvx_database/media.db").write_bytes(b"")
-    usb_names({"USB_DRIVE_A": "Zeta", "USB_DRIVE_B": "alpha"})  # no closing bars: labels run on
+    Path("/tmp/usb_name.txt").write_text("USB_DRIVE_A|Zeta\nUSB_DRIVE_B|alpha\n")  # no closing bars: labels run on
     assert names(ls(host, "")) == ["SATA_DISK1", "Zeta\nUSB_DRIVE_B", "alpha\n", "USB_DRIVE_C"]
     Path("/tmp/usb_name.txt").write_text("USB_DRIVE_A|Zeta|\nUSB_DRIVE_B|alpha|\nSATA_DISK1|Internal|\n")
     config.share(0, "Public", "smb://nas/public")

@@ -183,7 +183,7 @@ def test_wget_and_gunzip_get_their_arguments_without_a_shell(host, config, fake_
     assert not Path("/pwned").exists() and not Path("/pwned2").exists()
     for host_setting, url in (("meta.example:8080", "http://meta.example:8080"), (None, "http://vtrdb.local")):
         log.unlink()
-        config.values.pop("vtrdb_host", None)
+        config.pop("vtrdb_host", None)
         config.update({"vtrdb_host": host_setting} if host_setting else {})
         assert host.run("verify_user_storage_download_status", str(folder)).result == 61
         assert log.read_text().splitlines() == [url + "/vtrdb/main.php", "-t1", "-T20", "--spider"]

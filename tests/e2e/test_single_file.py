@@ -103,6 +103,7 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
     mount(drives / "FULL", "-t", "tmpfs", "-o", "size=64k,nr_inodes=2", "x")
     mount(drives / "USB", "-t", "tmpfs", "-o", "size=1m", "x")
     mount(drives / "HDD/mnt", "-t", "tmpfs", "-o", "size=64k", "x")
+    (drives / "HDD/mnt/f").write_bytes(b"")
     (drives / "RO/old").symlink_to(drives / "HDD/b.txt")  # passes the checks...
     (drives / "RO/new").symlink_to(drives / "HDD/probe")
     read_only_bind(drives / "RO")  # ...then rename() meets EROFS
@@ -111,6 +112,7 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
         (("create_user_storage_directory", "HDD/none/New"), 402), (("create_user_storage_directory", "HDD/dangling"), 52),
         (("create_user_storage_directory", "smb://a/b/c"), 1), (("create_user_storage_directory", "FULL/a"), 0),
         (("create_user_storage_directory", "FULL/b"), 22),  # ENOSPC
+        (("write_user_storage_file", "HDD/mnt/f", "false", "x" * 200000, "0"), 1),  # the write fails, not the close
         (("rename_user_storage_file", "HDD/a.txt", "HDD/b.txt"), 52), (("rename_user_storage_file", "HDD/a.txt", "HDD/c.txt"), 0),
         (("rename_user_storage_file", "HDD/a.txt", "HDD/d.txt"), 401),
         (("rename_user_storage_file", "HDD/c.txt", "HDD/none/d.txt"), 402), (("rename_user_storage_file", "HDD/c.txt", "smb://a/b"), 1),

@@ -85,23 +85,15 @@ START_LINE = ("swf=<event>copy_from_list</event><filename></filename><from></fro
 
 
 def test_selection_records_and_refusals(host, usb, config):
-    # The request sequences and the suffix rule have their table in the unit
-    # tests; here the records the host leaves for the batches.
+    # The request sequences and the suffix rule: the unit table; here a network record and the batches' refusals.
     src, _ = usb
-    a, b = f"{src}/a.avi", f"{src}/b.avi"
-    select_paths(host, a, a, b)
-    assert host.run("select_user_storage_file_to_list", a, "deselect").result == 0
-    assert FSLIST.read_text() == f"0|Stick|{a}\n1|Stick|{b}\n" and FSLIST.stat().st_mode & 0o777 == 0o600
-    assert host.run("select_user_storage_file_to_list", "", "deselect_all").result == 0
     config.share(0, "Films", "smb://nas/films")
     assert host.run("select_user_storage_file_to_list", "smb://nas/films//x//y.mkv", "select").result == 0
     assert FSLIST.read_text() == f"1|Films|{DRIVES}/NETWORK_SHARE/Films/x/y.mkv\n"
-    for words in (["smb://nas/other/y", "select"], [a, "Select"], ["", "select"]):
-        assert host.run("select_user_storage_file_to_list", *words).result == 8, words
+    assert host.run("select_user_storage_file_to_list", "smb://nas/other/y", "select").result == 8
     (src / "file").write_text("x")
     for words in ([""], [f"{src}/file"], [f"{src}/none"], ["smb://nas/none"]):  # refused before a thread starts
-        assert host.run("copy_user_storage_file_from_list", *words).result == 8
-        assert host.run("move_user_storage_file_from_list", *words).result == 8
+        assert [host.run(f"{c}_user_storage_file_from_list", *words).result for c in ("copy", "move")] == [8, 8]
     mount_tmpfs(DRIVES / "RO", "1m,ro")
     assert host.run("copy_user_storage_file_from_list", str(DRIVES / "RO")).result == 60
 
@@ -220,7 +212,8 @@ COMPANIONS = [".fanart.jpg", ".jpg", ".nfo", ".ass", ".idx", ".ssa", ".smi", ".s
 @pytest.mark.parametrize("switch, companions_go", [(["true"], True), (["True"], False), ([], False)])
 def test_delete_three_entries_with_companions(host, usb, events, switch, companions_go):
     src, _ = usb
-    for f in ["Movie.avi", "photo.jpg", "photo.nfo", "disc/BDMV/index.bdmv", "disc.jpg"] + [f"Movie{c}" for c in COMPANIONS]:
+    for f in ["Movie.avi", "photo.jpg", "photo.nfo", "disc/BDMV/index.bdmv", "disc/BDMV/MovieObject.bdmv", "disc.jpg",
+              *(f"Movie{c}" for c in COMPANIONS)]:
         make(src / f)
     select_paths(host, src / "Movie.avi", src / "photo.jpg", src / "disc")
     assert host.run("delete_user_storage_file_from_list", *switch).result == 0
