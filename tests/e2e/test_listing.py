@@ -68,8 +68,6 @@ def test_local_folder(host, usb):
     assert (rip.tags, rip.text_of("type"), rip.text_of("isFolder")) == (["name", "path", "type", "isFolder"],
                                                                         b"dvd_rip", b"no")
     assert names(ls(host, "USB_DRIVE_A/Movies", "0", "0", "true", "true", "false", "", "NAME_DSC")) == names(a)  # needs 10
-    paged = ls(host, "USB_DRIVE_A/Movies", "1", "2", "FALSE", "true")
-    assert names(paged) == ["Clip9.avi", "clip10.avi"] and "availableFolder" not in paged.tree.tags
     assert ls(host, "USB_DRIVE_A/nothing").result == 11
     assert ls(host, "USB_DRIVE_A/" + "x" * 5000).result == 11
 

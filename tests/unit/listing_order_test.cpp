@@ -1,6 +1,6 @@
 // The natural name order against the C library's version comparison, the
-// comparators, the selection table, the filters and the search
-// classification.
+// comparators, the selection table and the filters. (The search
+// classification's order: search_test over a real tree.)
 #include <string.h>
 
 #include <random>
@@ -41,7 +41,7 @@ TEST(NaturalOrder, MatchesStrverscmpOfLowerCasedNames) {
     }
 }
 
-sort_entry folder(const char *name, int32_t mtime = 0) { return {name, "", 0, mtime, 4}; }
+sort_entry folder(const char *name, int32_t mtime) { return {name, "", 0, mtime, 4}; }
 sort_entry file(const char *name, int64_t size = 0, int32_t mtime = 0) { return {name, "", size, mtime, 8}; }
 
 std::string sorted_names(std::vector<sort_entry> entries, sort_kind kind) {
@@ -100,48 +100,17 @@ TEST(SelectionTable, Rows) {
 // The filter-word and disc-kind vocabularies are seen in the listing and
 // search answers (end-to-end); here the rules with logic in them.
 TEST(Filters, SystemFoldersMimeFiltersAndTypes) {
-    for (const char *yes : {"$Recycle.Bin", "RECYCLER", "lost+found"}) EXPECT_TRUE(listing::is_system_folder(yes));
-    for (const char *no : {"Lost+Found", "@eadir", "pvx_database2"}) EXPECT_FALSE(listing::is_system_folder(no));
-
-    EXPECT_TRUE(listing::mime_passes_filter("IMAGE/JPEG", "image"));
-    EXPECT_TRUE(listing::mime_passes_filter("video/mpeg", "VID"));
-    EXPECT_FALSE(listing::mime_passes_filter(storage::mime_none, ""));
-    EXPECT_TRUE(listing::mime_passes_filter("audio/mpeg", ""));
-    EXPECT_FALSE(listing::mime_passes_filter("torrent", "others"));
+    for (auto [name, system] : {std::pair{"$Recycle.Bin", true}, {"RECYCLER", true}, {"lost+found", true},
+                                {"Lost+Found", false}, {"@eadir", false}, {"pvx_database2", false}})
+        EXPECT_EQ(listing::is_system_folder(name), system) << name;
+    for (auto [mime, filter, passes] : {std::tuple{"IMAGE/JPEG", "image", true}, {"video/mpeg", "VID", true},
+                                        {storage::mime_none, "", false}, {"audio/mpeg", "", true}, {"torrent", "others", false}})
+        EXPECT_EQ(listing::mime_passes_filter(mime, filter), passes) << mime;
 
     for (auto [mime, word] : {std::pair{"image/png", "photo"}, {"audio/x-ogg", "music"}, {"video/iso", "video_iso"},
                               {"video/isox", "video"}, {"VIDEO/mkv", "others"}, {"application/x-shockwave-flash", "phf"},
                               {"torrent", "torrent"}, {"none", "others"}})
         EXPECT_STREQ(listing::type_word_for_mime(mime), word) << mime;
-}
-
-TEST(SearchClassification, OrderOfTests) {
-    using listing::search_verdict;
-    storage::sort_mime_table();
-    listing::search_filter any;
-    listing::search_filter keyword{"ray", "", true, true};
-    listing::search_filter photos{nullptr, "photo", true, true};
-    struct row { listing::search_candidate entry; const listing::search_filter *filter; search_verdict want; const char *type; };
-    const row rows[] = {
-        {{".hidden", "/d/.hidden", false, true, false}, &any, search_verdict::skip_subtree, nullptr},
-        {{"x.jpg", "/d/.h/x.jpg", false, false, true}, &any, search_verdict::skip_subtree, nullptr},
-        {{"start", "/d/.h/start", true, true, false}, &any, search_verdict::skip_subtree, nullptr},
-        {{"start", "/d/start", true, true, false}, &any, search_verdict::pass_over, nullptr},
-        // the keyword test comes before the system folder list
-        {{"lost+found", "/d/lost+found", false, true, false}, &keyword, search_verdict::pass_over, nullptr},
-        {{"lost+found", "/d/lost+found", false, true, false}, &any, search_verdict::skip_subtree, nullptr},
-        {{"Ray.JPG", "/d/Ray.JPG", false, false, true}, &keyword, search_verdict::list_file, "photo"},
-        {{"x.JPG", "/d/x.JPG", false, false, true}, &photos, search_verdict::list_file, "photo"},
-        {{"x.mp3", "/d/x.mp3", false, false, true}, &photos, search_verdict::pass_over, nullptr},
-        {{"x.mp3", "/d/x.mp3", false, false, false}, &any, search_verdict::pass_over, nullptr},
-        {{"readme", "/d/readme", false, false, true}, &any, search_verdict::pass_over, nullptr},
-        {{"folder", "/nonexistent/folder", false, true, false}, &any, search_verdict::list_folder, nullptr},
-    };
-    for (const row &r : rows) {
-        listing::search_result got = listing::classify_search_entry(r.entry, *r.filter);
-        EXPECT_EQ(got.verdict, r.want) << r.entry.path;
-        if (r.type != nullptr) { EXPECT_STREQ(got.type_word, r.type) << r.entry.path; }
-    }
 }
 
 }  // namespace

@@ -52,15 +52,12 @@ TEST_F(DeepSearch, ClassificationKindsAndFilters) {
     ASSERT_NE(bd, nullptr);
     EXPECT_EQ(vtrsim::child_tags(bd),
               (std::vector<std::string>{"name", "path", "isFolder", "type", "size", "modifyDate", "lastAccessDate"}));
-    EXPECT_EQ(vtrsim::child_text(bd, "type"), "bd_rip");
-    EXPECT_EQ(vtrsim::child_text(bd, "path"), tu::drives_root + "/SEARCH_DRIVE/movies/BD_movie");
-    EXPECT_EQ(vtrsim::child_text(a.file("Movie Night"), "isFolder"), "yes");
-    EXPECT_EQ(vtrsim::child_text(a.file("movie_a.avi"), "size"), "5");
+    EXPECT_EQ(vtrsim::child_text(bd, "type") + " " + vtrsim::child_text(bd, "path"),
+              "bd_rip " + tu::drives_root + "/SEARCH_DRIVE/movies/BD_movie");
+    EXPECT_EQ(vtrsim::child_text(a.file("Movie Night"), "isFolder") + vtrsim::child_text(a.file("movie_a.avi"), "size"), "yes5");
     EXPECT_EQ(vtrsim::child_text(a.file("movie_a.avi"), "modifyDate").size(), 24u);  // without its line feed
-    EXPECT_EQ(vtrsim::child_tags(a.root),
-              (std::vector<std::string>{"fileList", "totalFile", "availableFolder", "availableFile", "convertPath"}));
-    EXPECT_EQ(a.text("totalFile") + " " + a.text("availableFolder") + " " + a.text("availableFile"), "10 3 7");
-    EXPECT_EQ(a.text("convertPath"), tu::drives_root + "/SEARCH_DRIVE/movies");
+    EXPECT_EQ(a.text("totalFile") + " " + a.text("availableFolder") + " " + a.text("availableFile") + " " +
+              a.text("convertPath"), "10 3 7 " + tu::drives_root + "/SEARCH_DRIVE/movies");
     struct row {
         const char *folders, *files, *filter, *keyword;
         std::vector<std::string> expected;
@@ -78,8 +75,7 @@ TEST_F(DeepSearch, ClassificationKindsAndFilters) {
     for (const row &r : rows) {
         tu::answer b = search("SEARCH_DRIVE/movies", "0", r.folders, r.files, r.filter, r.keyword, "TRUE", "0", "false");
         EXPECT_EQ(sorted(b.names()), sorted(r.expected)) << r.folders << r.files << r.filter << r.keyword << b.xml();
-        EXPECT_EQ(b.has("availableFolder"), r.has_folder_count);
-        EXPECT_EQ(b.has("availableFile"), r.has_file_count);
+        EXPECT_EQ(std::pair(b.has("availableFolder"), b.has("availableFile")), std::pair(r.has_folder_count, r.has_file_count));
         EXPECT_EQ(b.xml().find("<size>"), std::string::npos);  // no details
     }
     tu::answer hidden = search("SEARCH_DRIVE/movies/.hidden_movies", "0", "true", "true", "", "", "true");
@@ -115,13 +111,13 @@ int failing_open(int dir_fd, const char *name) noexcept {
 }
 
 TEST_F(DeepSearch, StaleHandleGives19) {
+    listing::search_request ask;
+    ask.range = 99999;
+    listing::walk_hooks hooks;
+    hooks.open_folder = failing_open;
     for (int32_t expected : {19, 4}) {
         if (expected == 4) ::setenv("FAIL_EIO", "1", 1);
         tu::answer a;
-        listing::search_request ask;
-        ask.range = 99999;
-        listing::walk_hooks hooks;
-        hooks.open_folder = failing_open;
         EXPECT_EQ(listing::deep_search(a.root, tree->at("movies").c_str(), ask, &hooks), expected);
         EXPECT_EQ(vtrsim::child_tags(a.root), std::vector<std::string>{"fileList"});
     }
