@@ -10,6 +10,7 @@ import stat
 import struct
 import subprocess
 import threading
+import types
 from pathlib import Path
 
 import pytest
@@ -29,9 +30,8 @@ def words_from(path, offset):
 
 
 def test_hash(host, config):
-    # The player's rule: the tail is found by a signed 32-bit seek to the low
-    # 32 bits of the size less 65536; a failed seek leaves the stream where
-    # the head ended. (The seek rule's table is a unit test.)
+    # The tail: a signed 32-bit seek to the low 32 bits of the size less 65536; a failed one leaves the
+    # stream where the head ended. (The seek rule's table is a unit test.)
     path = DRIVES / "film.bin"
     for size in [7, 100000, 2 * GIB + 100, 4 * GIB + 12345]:  # partial words are ignored
         rnd = random.Random(size)
@@ -64,8 +64,7 @@ def test_subtitles(host, config):
     usb = DRIVES / "USB"
     (usb / "DVD1").mkdir(parents=True)
     (usb / "dir.x").mkdir()
-    for name in ["film.sub", "film.srt", "film.smi", "film.ssa", "film.idx", "film.ass", "film.txt", "film.2.srt",
-                 "DVD1.sub", "caps.SRT", "dir.x/noext.idx"]:
+    for name in "film.sub film.srt film.smi film.ssa film.idx film.ass film.txt film.2.srt DVD1.sub caps.SRT dir.x/noext.idx".split():
         (usb / name).write_text("x")
     (config.share(0, "Movies", "smb://nas/movies") / "film.srt").write_text("x")
     assert subtitles(host, usb / "film.mkv") == [f"{usb}/film.{e}" for e in ["ass", "idx", "ssa", "smi", "srt", "sub"]]
@@ -98,16 +97,13 @@ def server(config):
             self.send_header("Content-Length", str(len(files[self.path])))
             self.end_headers()
             self.wfile.write(files[self.path] if body else b"")
+        do_HEAD, log_message = lambda self: self.do_GET(body=False), lambda *args: None
 
-        do_HEAD = lambda self: self.do_GET(body=False)  # noqa: E731
-        log_message = lambda *args: None  # noqa: E731
-
-    httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    threading.Thread(target=httpd.serve_forever, daemon=True).start()
-    config["vtrdb_host"] = f"127.0.0.1:{httpd.server_address[1]}"
-    yield type("Server", (), {"files": files, "requests": requests, "base": "http://" + config["vtrdb_host"]})
-    httpd.shutdown()
-    httpd.server_close()
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as httpd:
+        threading.Thread(target=httpd.serve_forever, daemon=True).start()
+        config["vtrdb_host"] = f"127.0.0.1:{httpd.server_address[1]}"
+        yield types.SimpleNamespace(files=files, requests=requests, base="http://" + config["vtrdb_host"])
+        httpd.shutdown()
 
 
 def closed_port_host():
@@ -118,8 +114,7 @@ def closed_port_host():
 
 def test_download_status(host, server, config):
     ok, small, ro = (DRIVES / n for n in ("HDD", "small", "ro"))
-    for d in (ok, small, ro):
-        d.mkdir()
+    [d.mkdir() for d in (ok, small, ro)]
     for args in (["-t", "tmpfs", "-o", "size=1024k", "x", small], ["--bind", ro, ro], ["-o", "remount,bind,ro", ro]):
         subprocess.run(["mount", *map(str, args)], check=True)
     config.share(0, "Public", "smb://nas/public")
@@ -134,8 +129,7 @@ def test_download_status(host, server, config):
 
 def test_downloads_and_failures(host, server):
     folder = DRIVES / "HDD" / "Movies"
-    (folder / "Movie").mkdir(parents=True)
-    (folder / "x.d").mkdir()
+    [(folder / d).mkdir(parents=True) for d in ("Movie", "x.d")]
     (folder / "old.jpg").write_text("x")
     art, text = b"\x89PNG" + bytes(range(256)) * 40, b"1\n00:00:01,000 --> 00:00:02,000\nhi\n"
     query = "/vtrdb/main.php?arg0=get_subtitle&id=9&f=x.gz"
