@@ -16,13 +16,8 @@ from conftest import CROSS, DRIVES, HOST_WRAPPER, make_fake
 DRIVE = "USB_DRIVE_A-1"
 CANARY = Path("/tmp/canary")
 
-# Result codes the handlers give (network errors come back as 1000 + the
-# client's status).
-KNOWN_CODES = {0, 1, 2, 4, 8, 11, 12, 19, 22, 27, 29, 30, 52, 60, 61, 401, 402, 403}
-
-
-def known_code(result):
-    return result in KNOWN_CODES or 1000 <= result < 1256
+KNOWN_CODES = {0, 1, 2, 4, 8, 11, 12, 19, 22, 27, 29, 30, 52, 60, 61, 401, 402, 403}  # and 1000 + a network status
+known_code = lambda result: result in KNOWN_CODES or 1000 <= result < 1256  # noqa: E731
 
 
 def tree_digest(root, exclude=()):
@@ -37,8 +32,7 @@ def tree_digest(root, exclude=()):
 
 
 def long_path(total):
-    """A client path of exactly total bytes below the drive (folders of 200
-    bytes: every component is a legal name)."""
+    """A client path of exactly total bytes below the drive (components of 200 bytes: legal names)."""
     path = DRIVE + "/"
     while len(path) < total:
         path += "d" * min(200, total - len(path)) + "/"
@@ -129,22 +123,15 @@ def test_hostile_paths_and_names(host, drives, fake_bin, row):
     cases = [(BOX.encode() + n, n) for n in HOSTILE_NAMES] + [(p, b"x") for p in LONG_PATHS]
     for path, hostile in cases:
         CANARY.unlink(missing_ok=True)
-        if name.endswith("_from_list"):
-            Path("/tmp/fslist").unlink(missing_ok=True)
-        mine = targets(hostile)
-        before = tree_digest(drive, exclude=mine)
-        outside = tree_digest(DRIVES, exclude=[DRIVE.encode()])
-        args = build(path, hostile, app_id)
-        answer = host.run(name, *args)
-        where = f"{name} {path[:60]!r}"
+        Path("/tmp/fslist").unlink(missing_ok=True)
+        state = lambda: (tree_digest(drive, exclude=targets(hostile)), tree_digest(DRIVES, exclude=[DRIVE.encode()]))  # noqa
+        before, args = state(), build(path, hostile, app_id)
+        answer, where = host.run(name, *args), f"{name} {path[:60]!r}"
         assert known_code(answer.result), f"{where}: result {answer.result}"
         assert not CANARY.exists(), f"{where}: an injected command ran"
-        assert tree_digest(drive, exclude=mine) == before, f"{where}: something beside the target changed"
-        assert tree_digest(DRIVES, exclude=[DRIVE.encode()]) == outside, f"{where}: another drive changed"
-        takes_path = any(isinstance(a, bytes) and path in a for a in args)
-        # The selection keeps a local path as received: only the batch
-        # commands translate it.
-        if len(path) >= 4095 and takes_path and name != "select_user_storage_file_to_list":
+        assert state() == before, f"{where}: something beside the target changed"
+        # The selection keeps a local path as received: only the batch commands translate it.
+        if len(path) >= 4095 and any(isinstance(a, bytes) and path in a for a in args) and "to_list" not in name:
             assert answer.result != 0, f"{where}: an over-long path was accepted"
     assert host.stats()["orphan_nodes"] == 0
 
@@ -152,10 +139,8 @@ def test_hostile_paths_and_names(host, drives, fake_bin, row):
 # ---------------------------------------------------------------- damaged state files
 
 def test_damaged_state_files(host, drives):
-    """Listing caches and identity files with any content:
-    known result codes, no change to the drives, no leaked answer nodes, and a
-    damaged cache never stands in for a real listing. (Selection files:
-    fuzz_selection; network answer files: fuzz_smb_answer.)"""
+    """Listing caches and identity files with any content: no change to the drives, no leaked answer nodes, a
+    damaged cache never stands in for a real listing. (Selection and network answer files: fuzz targets.)"""
     drive = _prepare(drives)
     before = tree_digest(drive)
     listing = [f"{DRIVE}/Keep", "0", "0", "true", "true", "true", "", "name_asc"]
@@ -171,8 +156,7 @@ def test_damaged_state_files(host, drives):
     assert host.run("create_app_storage_file", "f.txt", DRIVE, app_id, "pw").result == 0
     folder = drive / ".vtr_apps" / f".vtr_app_{app_id}"
     identity = folder / f".id_{app_id}"
-    good = identity.read_bytes()
-    for content in [b"", b"a", b"\0" * 300, os.urandom(300), b"f" * 5000, good[:3]]:
+    for content in [b"", b"a", b"\0" * 300, os.urandom(300), b"f" * 5000, identity.read_bytes()[:3]]:
         identity.write_bytes(content)
         for args in (("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"),
                      ("delete_app_storage", DRIVE, app_id, "pw"),
@@ -185,9 +169,8 @@ def test_damaged_state_files(host, drives):
 # ---------------------------------------------------------------- long run
 
 def test_long_run_memory_and_descriptors(fresh_host, drives):
-    """VTR_LONG_RUN_REQUESTS mixed requests (default 20000) in one process:
-    resident memory grows by less than 1 MiB after a warm-up; the open
-    descriptors come back to their number once the last batch thread ended."""
+    """VTR_LONG_RUN_REQUESTS mixed requests (default 20000) in one process: resident memory grows by less than
+    1 MiB after a warm-up; the open descriptors come back to their number once the last batch thread ended."""
     if HOST_WRAPPER or CROSS:
         pytest.skip("the process is a wrapper or an emulator: its memory is not the host's")
     host, pid, m = fresh_host, fresh_host.proc.pid, f"{DRIVE}/Keep"
@@ -202,9 +185,8 @@ def test_long_run_memory_and_descriptors(fresh_host, drives):
         ["create_user_storage_directory", f"{DRIVE}/Box/d"], ["delete_user_storage_file", f"{DRIVE}/Box/d"],
         ["select_user_storage_file_to_list", f"{DRIVES}/{m}/a.txt", "select"],
         ["copy_user_storage_file_from_list", f"{DRIVES}/{DRIVE}/Out"],  # a batch thread per cycle
-        ["create_app_storage_file", "g.txt", DRIVE, app_id, "pw"], ["read_app_storage_file", "g.txt", DRIVE, app_id, "pw",
-                                                                    "0", "0"],
-        ["delete_app_storage_file", "g.txt", DRIVE, app_id, "pw"]]]
+        ["create_app_storage_file", "g", DRIVE, app_id, "pw"], ["read_app_storage_file", "g", DRIVE, app_id, "pw", "0", "0"],
+        ["delete_app_storage_file", "g", DRIVE, app_id, "pw"]]]
     fd_count = lambda: len(os.listdir(f"/proc/{pid}/fd"))  # noqa: E731
     rss = lambda: int(re.search(r"VmRSS:\s+(\d+)", Path(f"/proc/{pid}/status").read_text())[1])  # noqa: E731
     for k in range(len(requests) * 50):  # warm-up: allocator pools, lazily loaded tables
@@ -215,9 +197,7 @@ def test_long_run_memory_and_descriptors(fresh_host, drives):
     for k in range(int(os.environ.get("VTR_LONG_RUN_REQUESTS", "20000"))):
         assert "result" in host.request_line(requests[k % len(requests)])
     for _ in range(100):  # the last batch thread may still be copying its one small file
-        if fd_count() == fds:
-            break
-        time.sleep(0.05)
+        time.sleep(0.05 * (fd_count() != fds))
     assert fd_count() == fds and host.stats()["orphan_nodes"] == 0
     if not re.search(r"lib[at]san", Path(f"/proc/{pid}/maps").read_text()):  # a sanitizer's quarantine holds memory
         assert rss() - before < 1024
