@@ -1,8 +1,5 @@
-"""The single-file commands through the reference host: create, write, read,
-file information, copy, move, backup, delete, folder creation and rename:
-the result code of each, and the errno behind it. (Read spans, the errno
-table and translation limits are unit tables; hostile names are in
-test_hardening.py.)"""
+"""The single-file commands through the reference host: the result code of each and the errno behind it. (Read
+spans, the errno table and translation limits: unit tables; hostile names: test_hardening.py.)"""
 import os
 import struct
 import subprocess
@@ -22,8 +19,7 @@ def read_only_bind(path):
     mount(path, "-o", "remount,bind,ro")
 
 
-def results(host, table):
-    """Runs each (words, code) row in order; returns (words, result) of those that differ."""
+def results(host, table):  # runs each (words, code) row in order; (words, result) of those that differ
     return [(w, r) for w, code in table for r in [host.run(*w).result] if r != code]
 
 
@@ -46,8 +42,7 @@ def test_create_write_read_info(host, drives):
         assert host.run("write_user_storage_file", "w.txt", mode, text, count).result == 0
         assert (drives / "w.txt").read_bytes() == expected, (mode, text, count)
     # A JPEG turned by its Exif orientation reports swapped sizes; the MIME type comes from the name.
-    tiff = b"II" + struct.pack("<HIHHHIHHI", 42, 8, 1, 0x0112, 3, 1, 6, 0, 0)
-    sof = struct.pack(">BHHB", 8, 480, 640, 1) + b"\x01\x11\x00"
+    tiff, sof = b"II" + struct.pack("<HIHHHIHHI", 42, 8, 1, 0x0112, 3, 1, 6, 0, 0), struct.pack(">BHHBBBB", 8, 480, 640, 1, 1, 17, 0)
     jpeg = (b"\xff\xd8\xff\xe1" + struct.pack(">H", len(tiff) + 8) + b"Exif\0\0" + tiff + b"\xff\xc0"
             + struct.pack(">H", len(sof) + 2) + sof + b"\xff\xd9")
     for name, mime, size in [("turned.JPG", b"image/jpeg", [b"480", b"640"]), ("a.png", b"image/png", [b"640", b"480"])]:
@@ -96,8 +91,7 @@ def test_copy_move_backup_delete(host, drives):
 
 def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host, drives):
     for f in ["HDD/a.txt", "HDD/b.txt", "RO/dir/f.txt"]:
-        (drives / f).parent.mkdir(parents=True, exist_ok=True)
-        (drives / f).write_bytes(b"keep")
+        (drives / f).parent.mkdir(parents=True, exist_ok=True) or (drives / f).write_bytes(b"keep")
     (drives / "HDD/big").write_bytes(b"\0" * (2 << 20))
     (drives / "HDD/dangling").symlink_to(drives / "nowhere")
     mount(drives / "FULL", "-t", "tmpfs", "-o", "size=64k,nr_inodes=2", "x")
