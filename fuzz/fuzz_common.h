@@ -1,5 +1,5 @@
-// Shared pieces of the fuzz targets: the sandbox guard, a small drive tree,
-// file writing and the response element with its node-leak check.
+// Shared pieces of the fuzz targets: the sandbox guard, a small drive tree, file writing and the response element
+// with its node-leak check.
 #pragma once
 
 #include <fcntl.h>
@@ -34,8 +34,8 @@ inline bool write_file(const char *path, const void *data, std::size_t size) noe
 
 inline int remove_entry(const char *path, const struct stat *, int, struct FTW *) noexcept { return ::remove(path), 0; }
 
-// Removes everything below the drives root and makes the scratch drive: a
-// few folders, files of several types, a disc folder and an empty file.
+// Removes everything below the drives root and makes the scratch drive: a few folders, files of several types, a disc
+// folder and an empty file.
 inline void reset_drives() noexcept {
     ::nftw(drives, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
     const std::string d = scratch_drive;
@@ -47,8 +47,8 @@ inline void reset_drives() noexcept {
     write_file((d + "/Sub/empty.bin").c_str(), "", 0);
 }
 
-// One response element per input; on destruction the tree is freed and the
-// node registry must be back where it was (an orphan node is a leak).
+// One response element per input; on destruction the tree is freed and the node registry must be back where it was
+// (an orphan node is a leak).
 class response {
 public:
     response() noexcept : root_(vtrsim::new_root()), live_before_(vtrsim::live_nodes() - 1) {}

@@ -1,10 +1,8 @@
-// The run entry with arbitrary argument vectors: words separated by NUL; a
-// word of the single byte 0x01 ends a request (at most four per input, so a
-// selection, a listing with its cache and a later command can meet). A
-// one-byte first word names a row of the plug-in's tables (user, then app).
-// Every ".." becomes "._" and absolute paths go below the drives root (a
-// sandbox tmpfs); relative creations land in a scratch working folder. The
-// batches, downloads and ripping (threads, long children) are not run.
+// The run entry with arbitrary argument vectors: words separated by NUL; a word of the single byte 0x01 ends a
+// request (at most four per input, so a selection, a listing with its cache and a later command can meet). A one-byte
+// first word names a row of the plug-in's tables (user, then app). Every ".." becomes "._" and absolute paths go
+// below the drives root (a sandbox tmpfs); relative creations land in a scratch working folder. The batches,
+// downloads and ripping (threads, long children) are not run.
 #include <string>
 #include <string_view>
 #include <vector>

@@ -1,8 +1,6 @@
-// The identity file's password reader over arbitrary texts and ids: the
-// first four bytes are the id, the rest the file's text (cut at its first
-// NUL, as the reader sees it). A password scrambled for a storage id (never
-// negative) must always read back as its own hex text (printable ASCII
-// passwords: other bytes do not survive the scrambling).
+// The identity file's password reader over arbitrary texts and ids: the first four bytes are the id, the rest the
+// file's text (cut at its first NUL, as the reader sees it). A password scrambled for a storage id (never negative)
+// must always read back as its own hex text (printable ASCII passwords: other bytes do not survive the scrambling).
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

@@ -1,7 +1,6 @@
-"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment:
-VTR_BUILD_DIR (vtr-host, plug-in, libvtrsim.so), VTR_EMULATOR (prefix for a
-cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client), VTR_HOST_WRAPPER
-(prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
+"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment: VTR_BUILD_DIR (vtr-host, plug-in,
+libvtrsim.so), VTR_EMULATOR (prefix for a cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client),
+VTR_HOST_WRAPPER (prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
 import json
 import os
 import select
@@ -131,8 +130,7 @@ def _empty_folder(path):
 
 @pytest.fixture
 def drives():
-    """The drives root, emptied (mounts below it undone), the /tmp state files
-    removed and netfs_client installed."""
+    """The drives root, emptied (mounts below it undone), the /tmp state files removed and netfs_client installed."""
     with open("/proc/self/mounts") as f:
         points = [line.split()[1].encode().decode("unicode_escape") for line in f]
     for mp in sorted((p for p in points if p.startswith(f"{DRIVES}/")), key=len, reverse=True):
@@ -148,9 +146,8 @@ def drives():
 
 
 class Config(dict):
-    """The host's configuration file, rewritten in one step on every change
-    (the host re-reads it on each lookup). share(n, name, url) also makes the
-    share's folder under NETWORK_SHARE and returns it."""
+    """The host's configuration file, rewritten in one step on every change (the host re-reads it on each lookup).
+    share(n, name, url) also makes the share's folder under NETWORK_SHARE and returns it."""
     path = OPT / "default" / "vtr.conf"
 
     def update(self, *args, **kwargs):
@@ -229,9 +226,8 @@ def run_cli(drives, config):
 
 @pytest.fixture
 def framework_pipe(drives):
-    """Reader of /tmp/vtr_framework_pipe as the player's user interface: opened
-    read-write (never an end of file), lines collected by a thread;
-    wait_for(predicate(lines), timeout) returns the lines."""
+    """Reader of /tmp/vtr_framework_pipe as the player's user interface: opened read-write (never an end of file),
+    lines collected by a thread; wait_for(predicate(lines), timeout) returns the lines."""
     path = "/tmp/vtr_framework_pipe"
     os.mkfifo(path, 0o666)
     fd = os.open(path, os.O_RDWR | os.O_NONBLOCK)

@@ -1,6 +1,5 @@
-"""The plug-in frame through the reference host: the descriptor, dispatch
-refusals, the serve-stdio protocol, released answer trees, and the exported
-and imported symbols."""
+"""The plug-in frame through the reference host: the descriptor, dispatch refusals, the serve-stdio protocol, released
+answer trees, and the exported and imported symbols."""
 import os
 import shutil
 import subprocess

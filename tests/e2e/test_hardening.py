@@ -1,6 +1,5 @@
-"""Hostile input, damaged state files and a long run in one host process:
-every request may come from any device on the LAN. The plug-in answers with
-a result code, runs no command it was not asked to, changes nothing but the
+"""Hostile input, damaged state files and a long run in one host process: every request may come from any device on
+the LAN. The plug-in answers with a result code, runs no command it was not asked to, changes nothing but the
 request's own target and keeps its memory and descriptors bounded."""
 import json
 import os
@@ -39,8 +38,8 @@ def long_path(total):
     return path[:total].rstrip("/").ljust(total, "e")
 
 
-# Names that a shell, a printf or an option parser would read as something
-# else. Each becomes a file in Box/ (when it is a legal name).
+# Names that a shell, a printf or an option parser would read as something else. Each becomes a file in Box/ (when it
+# is a legal name).
 HOSTILE_NAMES = [
     b'quote"d', b"apos'trophe", b"$(touch /tmp/canary)", b"`touch /tmp/canary`", b"a;touch /tmp/canary",
     b"a|touch /tmp/canary", b"a&touch /tmp/canary&", b'x"; rm -rf "/opt/vtrhttpd/localhost.drives/' + DRIVE.encode()
@@ -139,8 +138,8 @@ def test_hostile_paths_and_names(host, drives, fake_bin, row):
 # ---------------------------------------------------------------- damaged state files
 
 def test_damaged_state_files(host, drives):
-    """Listing caches and identity files with any content: no change to the drives, no leaked answer nodes, a
-    damaged cache never stands in for a real listing. (Selection and network answer files: fuzz targets.)"""
+    """Listing caches and identity files with any content: no change to the drives, no leaked answer nodes, a damaged
+    cache never stands in for a real listing. (Selection and network answer files: fuzz targets.)"""
     drive = _prepare(drives)
     before = tree_digest(drive)
     listing = [f"{DRIVE}/Keep", "0", "0", "true", "true", "true", "", "name_asc"]
@@ -169,8 +168,8 @@ def test_damaged_state_files(host, drives):
 # ---------------------------------------------------------------- long run
 
 def test_long_run_memory_and_descriptors(fresh_host, drives):
-    """VTR_LONG_RUN_REQUESTS mixed requests (default 20000) in one process: resident memory grows by less than
-    1 MiB after a warm-up; the open descriptors come back to their number once the last batch thread ended."""
+    """VTR_LONG_RUN_REQUESTS mixed requests (default 20000) in one process: resident memory grows by less than 1 MiB
+    after a warm-up; the open descriptors come back to their number once the last batch thread ended."""
     if HOST_WRAPPER or CROSS:
         pytest.skip("the process is a wrapper or an emulator: its memory is not the host's")
     host, pid, m = fresh_host, fresh_host.proc.pid, f"{DRIVE}/Keep"

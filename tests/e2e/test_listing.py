@@ -1,9 +1,7 @@
-"""list_user_storage_file through the reference host: local folders, the top
-level with drives, the disc and network shares, network folders through the
-network client double (its request line and answer file; this file also
-holds the double's checks), and the listing cache read back byte by byte.
-(Share-list paging, sort and filter tables and the answer-file parser have
-unit tables.)"""
+"""list_user_storage_file through the reference host: local folders, the top level with drives, the disc and network
+shares, network folders through the network client double (its request line and answer file; this file also holds
+the double's checks), and the listing cache read back byte by byte. (Share-list paging, sort and filter tables and
+the answer-file parser have unit tables.)"""
 import os
 import stat
 import struct

@@ -1,6 +1,5 @@
-"""Video hash, subtitle search, download status and downloads through the
-reference host, with a real HTTP server on loopback as the metadata server
-and doubles of wget and gunzip that record their argument vectors."""
+"""Video hash, subtitle search, download status and downloads through the reference host, with a real HTTP server on
+loopback as the metadata server and doubles of wget and gunzip that record their argument vectors."""
 import gzip
 import http.server
 import os
@@ -30,8 +29,8 @@ def words_from(path, offset):
 
 
 def test_hash(host, config):
-    # The tail: a signed 32-bit seek to the low 32 bits of the size less 65536; a failed one leaves the
-    # stream where the head ended. (The seek rule's table is a unit test.)
+    # The tail: a signed 32-bit seek to the low 32 bits of the size less 65536; a failed one leaves the stream where
+    # the head ended. (The seek rule's table is a unit test.)
     path = DRIVES / "film.bin"
     for size in [7, 100000, 2 * GIB + 100, 4 * GIB + 12345]:  # partial words are ignored
         rnd = random.Random(size)
@@ -84,8 +83,8 @@ def test_subtitles(host, config):
 
 @pytest.fixture
 def server(config):
-    """A threaded HTTP server on loopback serving fixed bodies by full path
-    (query included) and recording every request; the metadata server."""
+    """A threaded HTTP server on loopback serving fixed bodies by full path (query included) and recording every
+    request; the metadata server."""
     files, requests = {"/vtrdb/main.php": b"ok"}, []
 
     class Handler(http.server.BaseHTTPRequestHandler):

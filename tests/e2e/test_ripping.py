@@ -1,7 +1,5 @@
-"""Audio-CD ripping through the reference host, with doubles of the ripper
-and of the eject program first on PATH that record their arguments.
-(StopRipping during a rip is test_cmdserver.py's: it needs two requests
-at once.)"""
+"""Audio-CD ripping through the reference host, with doubles of the ripper and of the eject program first on PATH that
+record their arguments. (StopRipping during a rip is test_cmdserver.py's: it needs two requests at once.)"""
 import os
 import shutil
 import stat

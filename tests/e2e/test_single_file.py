@@ -1,5 +1,5 @@
-"""The single-file commands through the reference host: the result code of each and the errno behind it. (Read
-spans, the errno table and translation limits: unit tables; hostile names: test_hardening.py.)"""
+"""The single-file commands through the reference host: the result code of each and the errno behind it. (Read spans,
+the errno table and translation limits: unit tables; hostile names: test_hardening.py.)"""
 import os
 import struct
 import subprocess

@@ -1,7 +1,6 @@
-"""The selection list and the batch copy, move and delete commands through
-the reference host, with the progress event lines read from a real FIFO and
-compared whole; a host killed in the middle of a move (SIGKILL). (A batch
-never waits for a reader: transfer_progress_test.)"""
+"""The selection list and the batch copy, move and delete commands through the reference host, with the progress event
+lines read from a real FIFO and compared whole; a host killed in the middle of a move (SIGKILL). (A batch never
+waits for a reader: transfer_progress_test.)"""
 import hashlib
 import os
 import re
@@ -179,8 +178,8 @@ def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, conf
 
 
 def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):
-    """SIGKILL in the middle of a move: sources stay whole, only the entry
-    in flight is partly written, its record still selected."""
+    """SIGKILL in the middle of a move: sources stay whole, only the entry in flight is partly written, its record
+    still selected."""
     src, _ = usb
     other = DRIVES / "USB2"
     mount_tmpfs(other, "2g")

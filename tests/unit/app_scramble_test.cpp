@@ -1,6 +1,5 @@
-// The identity file's password text against the one reference reader
-// written here from the layout alone (identity files already on users'
-// drives must keep verifying), and our own reader's round trips.
+// The identity file's password text against the one reference reader written here from the layout alone (identity
+// files already on users' drives must keep verifying), and our own reader's round trips.
 #include <algorithm>
 #include <random>
 #include <set>
@@ -10,8 +9,8 @@
 
 namespace {
 
-// Digit i of the id as the player computed it: true decimal digits up to
-// position 8; position 9 is taken modulo 10^10 wrapped to 32 bits; 10 is 0.
+// Digit i of the id as the player computed it: true decimal digits up to position 8; position 9 is taken modulo 10^10
+// wrapped to 32 bits; 10 is 0.
 int reference_digit(int64_t id, int i) {
     int64_t p = 1;
     for (int k = 0; k < i && i <= 8; ++k) p *= 10;
@@ -79,8 +78,7 @@ TEST(Scramble, RefusalsDamagedTextsAndHexText) {
     appstore::app_random fixed(1700000000);  // the draws in the player's order: one text per seed
     ASSERT_TRUE(appstore::scramble_app_password(text, 42, "", fixed));
     EXPECT_STREQ(text, "7fcc0a9a0262c6a9b2347c9ecd79c173138ccb1");
-    // Characters from 0x80 print as negative values: they never match what
-    // a scrambled text gives back.
+    // Characters from 0x80 print as negative values: they never match what a scrambled text gives back.
     EXPECT_EQ(hex_of("\xc3"), "ffffffc3");
     ASSERT_TRUE(appstore::scramble_app_password(text, 42, "\xc3", generator));
     ASSERT_TRUE(appstore::unscramble_app_password(back, text, 42));

@@ -1,6 +1,5 @@
-// The run entry's group and name matching and the argument-count rules over
-// a table of recording handlers; the plug-in's own table in the player's
-// order with its count rules. (The descriptor's words: test_foundation.py.)
+// The run entry's group and name matching and the argument-count rules over a table of recording handlers; the
+// plug-in's own table in the player's order with its count rules. (The descriptor's words: test_foundation.py.)
 #include "test_util.h"
 
 namespace {

@@ -1,6 +1,5 @@
-// The file index: every row of the folder-counting table, the sort orders,
-// the drive-label order at the drives root, exact names and the split of
-// the client's path. (The count over a network answer is end-to-end.)
+// The file index: every row of the folder-counting table, the sort orders, the drive-label order at the drives root,
+// exact names and the split of the client's path. (The count over a network answer is end-to-end.)
 #include <sys/time.h>
 
 #include <algorithm>
@@ -15,9 +14,8 @@ tu::answer index_of(const std::string &entry, const std::string &filter, const s
     return tu::run({"get_user_storage_file_index", entry, filter, sort, folders, files});
 }
 
-// f/: a_plain/ (ordinary), b_bd/ (Blu-ray structure), c.avi, d.mp3, e.jpg,
-// f.unknownext, and entries never counted: .hidden/, $RECYCLE.BIN/,
-// lost+found/, .dot.avi
+// f/: a_plain/ (ordinary), b_bd/ (Blu-ray structure), c.avi, d.mp3, e.jpg, f.unknownext, and entries never counted:
+// .hidden/, $RECYCLE.BIN/, lost+found/, .dot.avi
 struct FileIndex : ::testing::Test {
     std::unique_ptr<tu::drive_tree> tree;
     void SetUp() override {

@@ -1,6 +1,5 @@
-// The natural name order against the C library's version comparison, the
-// comparators, the selection table and the filters. (The search
-// classification's order: search_test over a real tree.)
+// The natural name order against the C library's version comparison, the comparators, the selection table and the
+// filters. (The search classification's order: search_test over a real tree.)
 #include <string.h>
 
 #include <random>
@@ -20,8 +19,8 @@ std::string lowered(std::string s) {
     return s;
 }
 
-// Names of letters (both cases), separators (":" follows "9") and digit runs with and
-// without leading zeros: the cases where the version order has states.
+// Names of letters (both cases), separators (":" follows "9") and digit runs with and without leading zeros: the
+// cases where the version order has states.
 std::string random_name(std::mt19937 &rng) {
     std::string s;
     for (int p = static_cast<int>(rng() % 5); p >= 0; --p)
@@ -97,8 +96,8 @@ TEST(SelectionTable, Rows) {
         EXPECT_EQ(listing::select_sort(r.order, r.top, r.filter, r.keyword), r.want) << r.order << r.filter;
 }
 
-// The filter-word and disc-kind vocabularies are seen in the listing and
-// search answers (end-to-end); here the rules with logic in them.
+// The filter-word and disc-kind vocabularies are seen in the listing and search answers (end-to-end); here the rules
+// with logic in them.
 TEST(Filters, SystemFoldersMimeFiltersAndTypes) {
     for (auto [name, system] : {std::pair{"$Recycle.Bin", true}, {"RECYCLER", true}, {"lost+found", true},
                                 {"Lost+Found", false}, {"@eadir", false}, {"pvx_database2", false}})

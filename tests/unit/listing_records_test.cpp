@@ -1,6 +1,5 @@
-// Disc structure detection, the listing key and cache records byte by byte,
-// the cache lookup, and the share list of a local folder (paging counters,
-// filters, sort). (Network answer files: end-to-end and fuzz_smb_answer.)
+// Disc structure detection, the listing key and cache records byte by byte, the cache lookup, and the share list of a
+// local folder (paging counters, filters, sort). (Network answer files: end-to-end and fuzz_smb_answer.)
 #include "listing/format.h"
 #include "listing/list_command.h"
 #include "listing/share_list.h"
@@ -131,8 +130,8 @@ TEST_F(cache_fixture, MissDeletesALargeCache) {
     EXPECT_FALSE(tu::fs::exists(file));
 }
 
-// The share list of a local folder: names, totalFile, availableFolder and
-// availableFile ("-" when left out), then the result.
+// The share list of a local folder: names, totalFile, availableFolder and availableFile ("-" when left out), then the
+// result.
 std::string share_list(const char *dir, uint64_t start, uint64_t count, bool folders, bool files, const char *filter,
                        int sort) {
     int result = -1;

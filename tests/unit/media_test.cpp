@@ -1,5 +1,5 @@
-// The hash's 32-bit tail seek, the download's final-name rules and its
-// ".gz" test. The hashes themselves are checked end to end.
+// The hash's 32-bit tail seek, the download's final-name rules and its ".gz" test. The hashes themselves are checked
+// end to end.
 #include "media/download.h"
 #include "media/hash.h"
 #include "test_util.h"

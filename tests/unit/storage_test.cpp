@@ -1,7 +1,6 @@
-// The storage module's tables: path translation with its "%" rule and
-// length limit, the read span with unsigned 32-bit client counts, the owner
-// permission text, errno to result code, the MIME table and lookup, and the
-// reserved area's quota in the free-space check.
+// The storage module's tables: path translation with its "%" rule and length limit, the read span with unsigned
+// 32-bit client counts, the owner permission text, errno to result code, the MIME table and lookup, and the reserved
+// area's quota in the free-space check.
 #include <strings.h>
 
 #include <cerrno>
@@ -47,8 +46,8 @@ TEST(TranslateStoragePath, FormsAndLimits) {
     EXPECT_TRUE(plugin::format_into(b, "%s", ""));  // an empty text fits
 }
 
-// Bytes a read returns for a file of `size` bytes: the span's read length,
-// clipped by what lies after the offset; the buffer never asks for more.
+// Bytes a read returns for a file of `size` bytes: the span's read length, clipped by what lies after the offset; the
+// buffer never asks for more.
 uint64_t bytes_returned(uint32_t offset, uint32_t count, uint64_t size) {
     storage::read_span s = storage::plan_read(offset, count, size + 1);
     EXPECT_EQ(s.offset, offset);

@@ -1,8 +1,7 @@
-// Eight threads call the run entry at once with listings, searches, file
-// indexes, information, reads, writes, hashes and subtitle searches over one
-// drive tree: every answer must equal the answer of the same request run
-// alone. Built with FILEOP_TSAN=ON (scripts/tsan.sh) this is the data-race
-// check; FILEOP_THREAD_SECONDS sets how long the threads run (default 2).
+// Eight threads call the run entry at once with listings, searches, file indexes, information, reads, writes, hashes
+// and subtitle searches over one drive tree: every answer must equal the answer of the same request run alone. Built
+// with FILEOP_TSAN=ON (scripts/tsan.sh) this is the data-race check; FILEOP_THREAD_SECONDS sets how long the threads
+// run (default 2).
 #include <ctime>
 
 #include "test_util.h"
@@ -33,8 +32,7 @@ TEST(ThreadSafety, ConcurrentAnswersEqualAnswersAlone) {
                               {"clip 10.mkv", std::string(70000, 'k')}, {"clip 10.srt", "1\n00:00:01,000 --> 00:00:02,000\nhi\n"},
                               {"song.mp3", "ID3 song"}, {"Sub/deep clip.avi", "deep"}, {"DVD/VIDEO_TS/VIDEO_TS.IFO", "DVD"}})
         d.file(std::string("Media/") + name, text);
-    // Access times ahead of the change times: reading leaves them alone
-    // (relatime), so listings stay the same.
+    // Access times ahead of the change times: reading leaves them alone (relatime), so listings stay the same.
     timespec times[2] = {{std::time(nullptr) + 3600, 0}, {std::time(nullptr) - 3600, 0}};
     for (const auto &e : tu::fs::recursive_directory_iterator(d.root))
         ::utimensat(AT_FDCWD, e.path().c_str(), times, AT_SYMLINK_NOFOLLOW);
@@ -52,8 +50,7 @@ TEST(ThreadSafety, ConcurrentAnswersEqualAnswersAlone) {
     };
     for (int t = 0; t < 8; ++t)  // each thread also overwrites a file of its own with the same text
         requests.push_back({"write_user_storage_file", "UT_THREADS-1/Write/" + std::to_string(t), "false", "same text", "0"});
-    // The first round fills the listing cache; from the second on the
-    // cached pages answer.
+    // The first round fills the listing cache; from the second on the cached pages answer.
     std::vector<outcome> alone;
     for (const auto &r : requests) (void)run(r), alone.push_back(run(r));
     for (std::size_t i = 0; i < requests.size(); ++i)  // a refusal would test nothing

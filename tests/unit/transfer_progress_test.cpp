@@ -1,5 +1,4 @@
-// The time-left estimate's arithmetic and the event lines as the pipe reader
-// sees them.
+// The time-left estimate's arithmetic and the event lines as the pipe reader sees them.
 #include "transfer/progress.h"
 #include "test_util.h"
 

@@ -1,5 +1,5 @@
-// The selection file: request sequences and the file they leave, the suffix
-// rule of the search, the record reader and the done flag.
+// The selection file: request sequences and the file they leave, the suffix rule of the search, the record reader and
+// the done flag.
 #include "transfer/selection.h"
 #include "test_util.h"
 

@@ -1,6 +1,5 @@
-// The tree walker against the C library's nftw() on the same trees: the same
-// entries in the same order with the same kinds, levels and name offsets,
-// the same answers to the callback's steering (stop, skip subtree), and the
+// The tree walker against the C library's nftw() on the same trees: the same entries in the same order with the same
+// kinds, levels and name offsets, the same answers to the callback's steering (stop, skip subtree), and the
 // open-folder seam's failures.
 #include <ftw.h>
 
@@ -69,9 +68,8 @@ walk_result expect_same_as_nftw(const std::string &start, int max_open = 20) {
     return expected;
 }
 
-// Folders, hidden and empty folders, links to files, to folders inside and
-// outside the tree, back to an ancestor, dangling, a FIFO, and a chain
-// deeper than the open-folder limit; a link loop in a tree of its own.
+// Folders, hidden and empty folders, links to files, to folders inside and outside the tree, back to an ancestor,
+// dangling, a FIFO, and a chain deeper than the open-folder limit; a link loop in a tree of its own.
 struct WalkerTree : ::testing::Test {
     tu::drive_tree t{"/tmp/walker_test"};
     std::string root = t.at("m");
@@ -104,8 +102,8 @@ TEST_F(WalkerTree, SameVisitsAsNftw) {
     EXPECT_EQ(expect_same_as_nftw(root).rc, FTW_STOP);
 }
 
-// A folder whose opening fails with a stale handle ends the walk with that
-// error; a refused one is reported unreadable and the walk goes on.
+// A folder whose opening fails with a stale handle ends the walk with that error; a refused one is reported
+// unreadable and the walk goes on.
 int failing_open(int dir_fd, const char *name) noexcept {
     const char *tail = std::strrchr(name, '/');
     tail = tail != nullptr ? tail + 1 : name;
