@@ -99,9 +99,7 @@ def test_selection_records_and_refusals(host, usb, config):
 
 def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb, events):
     src, dst = usb
-    for n in ("a", "b", "c"):
-        (src / n).write_bytes(b"z" * 3000)
-    (dst / "a").write_bytes(b"old")
+    [make(f, c) for f, c in [*((src / n, b"z" * 3000) for n in "abc"), (dst / "a", b"old")]]
     select_paths(host, *(src / n for n in "abc"))
     assert host.run("copy_user_storage_file_from_list", str(dst)).result == 0
     lines = events.wait_end()
@@ -109,8 +107,8 @@ def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb,
     assert [(e["filename"], e["item"], e["percent"], e["whole"]) for e in parse(lines)] == [
         ("", 0, 0, 0), ("a", 1, 0, 0), ("a", 1, 100, 33), ("b", 2, 0, 33), ("b", 2, 100, 66), ("c", 3, 0, 66),
         ("c", 3, 100, 100), ("", 3, 100, 101)]
-    assert (dst / "a").read_bytes() == b"old" and (dst / "copy_1_of_a").read_bytes() == b"z" * 3000
-    assert (dst / "copy_1_of_a").stat().st_uid == 1001 and not FSLIST.exists()
+    assert (dst / "a").read_bytes() == b"old" and (dst / "copy_1_of_a").read_bytes() == b"z" * 3000 and not FSLIST.exists()
+    assert (dst / "copy_1_of_a").stat().st_uid == 1001
     events.clear()
     select_paths(host, *(src / n for n in "abc"))
     (src / "b").unlink()
@@ -119,20 +117,17 @@ def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb,
         ("", 0), ("a", 0), ("a", 0), ("b", 12), ("c", 0), ("c", 0), ("", 4)]
     assert not FSLIST.exists()  # the last entry succeeded
     (src / "f" / "inner").mkdir(parents=True)  # a folder into itself
-    select_paths(host, f"{src}/f")
-    events.clear()
+    select_paths(host, f"{src}/f") or events.clear()
     assert host.run("copy_user_storage_file_from_list", f"{src}/f").result == 0
     assert [e["status"] for e in parse(events.wait_end())] == [0, 11, 4]
     assert FSLIST.read_text() == f"1|Stick|{src}/f\n" and not (src / "f" / "f").exists()  # kept for another try
 
 
 def test_move_renames_on_one_drive_and_copies_across(host, usb, events):
-    src, _ = usb
-    other = DRIVES / "USB2"
+    (src, _), other = usb, DRIVES / "USB2"
     mount_tmpfs(other, "64m")
     (src / "dst").mkdir()
-    make(src / "m.avi", b"movie")
-    make(src / "tree" / "sub" / "f", b"1")
+    make(src / "m.avi", b"movie") or make(src / "tree" / "sub" / "f", b"1")
     select_paths(host, src / "m.avi")
     assert host.run("move_user_storage_file_from_list", f"{src}/dst").result == 0
     assert [(e["event"], e["percent"], e["status"]) for e in parse(events.wait_end())] == [
@@ -142,13 +137,11 @@ def test_move_renames_on_one_drive_and_copies_across(host, usb, events):
     select_paths(host, src / "tree")
     assert host.run("move_user_storage_file_from_list", str(other)).result == 0
     assert parse(events.wait_end())[-1]["status"] == 0
-    assert (other / "tree" / "sub" / "f").read_text() == "1" and (other / "tree").stat().st_uid == 1001
-    assert not (src / "tree").exists()
+    assert (other / "tree" / "sub" / "f").read_text() == "1" and (other / "tree").stat().st_uid == 1001 and not (src / "tree").exists()
 
 
 def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, config):
-    src, dst = usb
-    tiny = DRIVES / "TINY"
+    (src, dst), tiny = usb, DRIVES / "TINY"
     mount_tmpfs(tiny, "1m")
     sparse(src / "big", 2 * MiB)
     select_paths(fresh_host, src / "big")
@@ -156,30 +149,25 @@ def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, conf
     lines = events.wait_end()
     assert [e["status"] for e in parse(lines)] == [0, 22, 4] and lines[-1] == end_line("copy", "Tiny", 1, 4)
     FSLIST.unlink()
-    for i in range(300):  # the counted bytes fit, the pages do not: ENOSPC while writing
-        make(src / "many" / f"f{i}")
-    events.clear()
-    select_paths(fresh_host, src / "many")
+    [make(src / "many" / f"f{i}") for i in range(300)]  # the counted bytes fit, the pages do not: ENOSPC while writing
+    select_paths(fresh_host, src / "many") or events.clear()
     assert fresh_host.run("copy_user_storage_file_from_list", str(tiny)).result == 0
     assert [e["status"] for e in parse(events.wait_end())][-2:] == [29, 4]
     config["vtrsim_fat_paths"] = str(dst)  # 4 GiB refused before anything is opened; 4 GiB - 1 starts
-    sparse(src / "four", 4 * GiB)
-    sparse(src / "almost", 4 * GiB - 1)
+    sparse(src / "four", 4 * GiB) or sparse(src / "almost", 4 * GiB - 1)
     for name in ("four", "almost"):
         FSLIST.unlink(missing_ok=True)  # a refused entry stays selected
-        select_paths(fresh_host, src / name)
-        events.clear()
+        select_paths(fresh_host, src / name) or events.clear()
         assert fresh_host.run("copy_user_storage_file_from_list", str(dst)).result == 0
         lines = events.wait_text("<whole>101</whole>" if name == "four" else "<filename>almost</filename>")
     fresh_host.proc.kill()
-    fresh_host.proc.wait()
     assert [(e["filename"], e["status"]) for e in parse(lines)][:2] == [("", 0), ("almost", 0)]
     assert not (dst / "four").exists() and (dst / "almost").exists()
 
 
 def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):
-    """SIGKILL in the middle of a move: sources stay whole, only the entry in flight is partly written, its record
-    still selected."""
+    """SIGKILL in the middle of a move: sources stay whole, only the entry
+    in flight is partly written, its record still selected."""
     src, _ = usb
     other = DRIVES / "USB2"
     mount_tmpfs(other, "2g")
@@ -210,7 +198,7 @@ COMPANIONS = [".fanart.jpg", ".jpg", ".nfo", ".ass", ".idx", ".ssa", ".smi", ".s
 
 @pytest.mark.parametrize("switch, companions_go", [(["true"], True), (["True"], False), ([], False)])
 def test_delete_three_entries_with_companions(host, usb, events, switch, companions_go):
-    src, _ = usb
+    src = usb[0]
     for f in ["Movie.avi", "photo.jpg", "photo.nfo", "disc/BDMV/index.bdmv", "disc/BDMV/MovieObject.bdmv", "disc.jpg",
               *(f"Movie{c}" for c in COMPANIONS)]:
         make(src / f)
