@@ -1,6 +1,7 @@
 """The single-file commands through the reference host: the result code of each and the errno behind it. (Read spans,
 the errno table and translation limits: unit tables; hostile names: test_hardening.py.)"""
 import os
+import socket
 import struct
 import subprocess
 
@@ -55,13 +56,15 @@ def test_create_write_read_info(host, drives):
     assert [(c.tag, c.text) for c in host.run("get_user_storage_file_info", "song.MP3").tree.children] == [
         ("fileSize", b"1234"), ("mimeType", b"audio/mpeg"), ("name", b"song.MP3"), ("permission", b" read write")]
     (drives / "folder").mkdir()
+    socket.socket(socket.AF_UNIX).bind(str(drives / "sock"))  # exists and readable, but cannot be opened
     assert results(host, [
         (("create_user_storage_file", str(path)), 52), (("create_user_storage_file", "HDD/rel.txt"), 4),  # made at "/"
         (("create_user_storage_file", str(drives / "HDD/a/b/c.txt")), 402),
         (("create_user_storage_file", "smb://unknown/share/x"), 11),
         (("write_user_storage_file", "missing.txt", "false", "x", "0"), 401),
         (("read_user_storage_file", "missing.txt", "0", "0"), 401), (("write_user_storage_file", "folder", "true", "x", "0"), 1),
-        (("read_user_storage_file", "folder", "0", "0"), 1), (("get_user_storage_file_info", "smb://nas/other/a"), 11),
+        (("read_user_storage_file", "folder", "0", "0"), 1), (("read_user_storage_file", "sock", "0", "0"), 1),
+        (("get_user_storage_file_info", "smb://nas/other/a"), 11),
         (("get_user_storage_file_info", "missing.txt"), 401)]) == []
     assert not (drives / "missing.txt").exists() and not (drives / "HDD/a/b").exists()
 

@@ -78,6 +78,9 @@ TEST(Comparators, DriveLabelsAndStableTies) {
     // Names equal but for case keep their reading order, in both directions.
     EXPECT_EQ(sorted_names({file("x"), file("X"), file("x2")}, sort_kind::name_ascending), "x X x2 ");
     EXPECT_EQ(sorted_names({file("x"), file("X"), file("x2")}, sort_kind::name_descending), "x2 x X ");
+    std::vector<sort_entry> ten;  // more than one insertion run of 8: merged
+    for (const char *n : {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j"}) ten.push_back(file(n));
+    EXPECT_EQ(sorted_names(ten, sort_kind::name_ascending), "a b c d e f g h i j ");
 }
 
 TEST(SelectionTable, Rows) {
