@@ -56,8 +56,7 @@ class Node:
     __repr__ = lambda self: f"<{self.tag}>{self.text!r}{self.children}"  # noqa: E731
 
 
-class HostError(RuntimeError):
-    pass
+HostError = type("HostError", (RuntimeError,), {})
 
 
 def host_env(extra=None):
@@ -78,8 +77,7 @@ class Host:
         self.proc = subprocess.Popen(self.cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=host_env(self.env),
                                      cwd=self.cwd)
 
-    def alive(self):
-        return self.proc.poll() is None
+    alive = lambda self: self.proc.poll() is None  # noqa: E731
 
     def request_line(self, line, timeout=TIMEOUT):
         """Sends one raw protocol line, returns the parsed answer line; kills a host that does not answer."""
@@ -104,8 +102,7 @@ class Host:
             raise HostError(obj["error"])
         return types.SimpleNamespace(result=obj["result"], tree=Node(obj["answer"]))
 
-    def stats(self):
-        """{"live_nodes": N, "orphan_nodes": M}: XML nodes alive; those never appended."""
+    def stats(self):  # {"live_nodes": N, "orphan_nodes": M}: XML nodes alive; those never appended
         return self.request_line('["vtr-host:stats"]')["stats"]
 
     def close(self):
@@ -178,12 +175,9 @@ def fake_bin():
     _empty_folder(FAKE_BIN)
 
 
-def make_fake(folder, name, script):
-    """Writes an executable shell script double into folder."""
-    p = Path(folder) / name
-    p.write_text("#!/bin/sh\n" + script)
-    p.chmod(0o755)
-    return p
+def make_fake(folder, name, script):  # an executable shell script double in folder
+    (Path(folder) / name).write_text("#!/bin/sh\n" + script)
+    (Path(folder) / name).chmod(0o755)
 
 
 @pytest.fixture(scope="session")
@@ -212,9 +206,7 @@ def make_host(drives, config):
         h.close()
 
 
-@pytest.fixture
-def fresh_host(make_host):
-    return make_host()
+fresh_host = pytest.fixture(lambda make_host: make_host())
 
 
 @pytest.fixture
