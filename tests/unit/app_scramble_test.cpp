@@ -57,7 +57,8 @@ TEST(Scramble, RoundTripsReadableByTheReferenceReader) {
                 if (id == 42 && password == "p@s") texts.insert(text);
                 std::string upper = text;  // upper-case hex digits read the same to the reference reader
                 for (char &c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-                if (std::string p = reference_unscramble(upper, id); std::all_of(p.begin(), p.end(), ::isalnum)) {
+                std::string p = reference_unscramble(upper, id);
+                if (p.find("<overrun>") == p.npos && std::all_of(p.begin(), p.end(), ::isprint)) {
                     EXPECT_EQ(appstore::unscramble_app_password(back, upper.c_str(), id) ? back : "-", hex_of(p)) << upper;
                 }
             }
