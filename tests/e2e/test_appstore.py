@@ -11,8 +11,7 @@ from conftest import DRIVES
 DRIVE = "USB_A"
 
 
-def storage_dir(n, drive=DRIVE):
-    return DRIVES / drive / ".vtr_apps" / f".vtr_app_{n}"
+storage_dir = lambda n, drive=DRIVE: DRIVES / drive / ".vtr_apps" / f".vtr_app_{n}"  # noqa: E731
 
 
 def create(host, password, drive=DRIVE):

@@ -10,24 +10,19 @@ def search(host, path, folders="true", keyword="", sub="false"):
     return host.run("search_user_storage_file", path, "0", "0", folders, "true", "true", "", keyword, sub)
 
 
-def names(answer):
-    return sorted(f.text_of("name").decode() for f in answer.tree.find("fileList").children)
+names = lambda answer: sorted(f.text_of("name").decode() for f in answer.tree.find("fileList").children)  # noqa
+client_line = lambda: Path("/tmp/netfs_client.log").read_text().splitlines()[-1]  # noqa: E731
 
 
-def index(host, entry, flt="", sort="", folders="true", files="true"):
-    a = host.run("get_user_storage_file_index", entry, flt, sort, folders, files)
+def index(host, entry, flt=""):
+    a = host.run("get_user_storage_file_index", entry, flt, "", "true", "true")
     return a.result, a.tree.text_of("index"), a.tree.text_of("total")
-
-
-def client_line():
-    return Path("/tmp/netfs_client.log").read_text().splitlines()[-1]
 
 
 def test_network_search_index_and_errors(host, drives, config):
     root = config.share(0, "Public", URL)
     for f in ["clips/clip_deep.avi", "clip_top.avi", "other.mp3", "Clip folder/x"]:
-        (root / f).parent.mkdir(parents=True, exist_ok=True)
-        (root / f).write_bytes(b"d")
+        (root / f).parent.mkdir(parents=True, exist_ok=True) or (root / f).write_bytes(b"d")
     assert names(search(host, URL + "/", keyword="clip")) == ["Clip folder", "clip_top.avi", "clips"]
     assert "keyword=clip" in client_line() and "&level=0" not in client_line()
     assert names(search(host, URL, folders="false", keyword="clip", sub="true")) == ["clip_deep.avi", "clip_top.avi"]
