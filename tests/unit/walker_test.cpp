@@ -44,10 +44,7 @@ int ours_record(listing::walk_entry &e, void *context) noexcept {
     return steer(e.path, e.base);
 }
 
-struct walk_result {
-    int rc, err;
-    std::vector<visit> visits;
-};
+struct walk_result { int rc, err; std::vector<visit> visits; };
 
 walk_result walk(const std::string &start, int max_open, bool ours, listing::walk_hooks *hooks = nullptr) {
     walk_result r;
@@ -61,8 +58,7 @@ walk_result walk(const std::string &start, int max_open, bool ours, listing::wal
 
 walk_result expect_same_as_nftw(const std::string &start, int max_open = 20) {
     walk_result expected = walk(start, max_open, false), got = walk(start, max_open, true);
-    EXPECT_EQ(got.rc, expected.rc) << start << " limit " << max_open;
-    EXPECT_EQ(got.err, expected.err) << start;
+    EXPECT_EQ(std::pair(got.rc, got.err), std::pair(expected.rc, expected.err)) << start << " limit " << max_open;
     EXPECT_EQ(got.visits, expected.visits) << start << " limit " << max_open << "\nnftw:\n"
                                            << describe(expected.visits) << "ours:\n" << describe(got.visits);
     return expected;
@@ -124,8 +120,7 @@ TEST_F(WalkerTree, OpenFailures) {
     }
     EXPECT_EQ(refused, 1);
     r = walk(root + "/d", 20, true, &hooks);
-    EXPECT_EQ(r.rc, -1);
-    EXPECT_EQ(r.err, ESTALE);
+    EXPECT_EQ(std::pair(r.rc, r.err), std::pair(-1, ESTALE));
     for (const visit &v : r.visits) EXPECT_EQ(v.path.find("/n3/"), std::string::npos) << v.path;
 }
 
