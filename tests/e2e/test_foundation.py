@@ -20,8 +20,7 @@ def test_describe_shows_the_factory_values():
 def test_refusals_protocol_errors_and_released_trees(make_host, tmp_path):
     fresh_host = make_host(cwd=tmp_path)
     for words in (["no_such_command"], ["read_user_storage_file", "a", "b", "c", "d"]):  # 1 and an empty document
-        a = fresh_host.run(*words)
-        assert (a.result, a.tree.tag, a.tree.children, a.tree.text) == (1, "response", [], b""), words
+        assert ((a := fresh_host.run(*words)).result, a.tree.tag, a.tree.children, a.tree.text) == (1, "response", [], b"")
     assert fresh_host.run("no_such_command", bytes(range(1, 256)), "é").result == 1  # every byte but NUL travels
     assert fresh_host.stats() == {"live_nodes": 0, "orphan_nodes": 0}
     assert os.readlink(f"/proc/{fresh_host.proc.pid}/cwd") == "/"  # untranslated paths resolve against "/"

@@ -49,8 +49,7 @@ def test_hash(host, config):
     os.mkfifo(share / "fifo")  # never waited on
     for path, code, text in [("smb://nas/public/fifo", 0, b"0"), (str(DRIVES), 0, b"0"),
                              ("smb://elsewhere/x/v.bin", 8, None), (str(DRIVES / "none.bin"), 11, None)]:
-        a = host.run("calculate_user_storage_file_hash", path)
-        assert (a.result, a.tree.text_of("hash")) == (code, text), path
+        assert ((a := host.run("calculate_user_storage_file_hash", path)).result, a.tree.text_of("hash")) == (code, text)
 
 
 def subtitles(host, video, code=0):
@@ -66,11 +65,10 @@ def test_subtitles(host, config):
     for name in "film.sub film.srt film.smi film.ssa film.idx film.ass film.txt film.2.srt DVD1.sub caps.SRT dir.x/noext.idx".split():
         (usb / name).write_text("x")
     (config.share(0, "Movies", "smb://nas/movies") / "film.srt").write_text("x")
-    assert subtitles(host, usb / "film.mkv") == [f"{usb}/film.{e}" for e in ["ass", "idx", "ssa", "smi", "srt", "sub"]]
-    assert subtitles(host, usb / "film.2.avi") == [f"{usb}/film.2.srt"]
-    assert subtitles(host, usb / "DVD1") == [f"{usb}/DVD1.sub"]
-    assert subtitles(host, usb / "caps.MKV") == [""]  # lower-case extensions only
-    assert subtitles(host, usb / "dir.x" / "noext") == [f"{usb}/dir.x/noext.idx"]
+    for video, want in [("film.mkv", [f"{usb}/film.{e}" for e in ["ass", "idx", "ssa", "smi", "srt", "sub"]]),
+                        ("film.2.avi", [f"{usb}/film.2.srt"]), ("DVD1", [f"{usb}/DVD1.sub"]), ("caps.MKV", [""]),  # lower case only
+                        ("dir.x/noext", [f"{usb}/dir.x/noext.idx"])]:
+        assert subtitles(host, usb / video) == want, video
     assert subtitles(host, "smb://nas/movies/film.avi") == [f"{DRIVES}/NETWORK_SHARE/Movies/film.srt"]
     assert subtitles(host, "nfs://unknown/share/film.avi", 8) == []
     folder = DRIVES / ("d" * 200) / ("e" * 200)
@@ -119,8 +117,7 @@ def test_download_status(host, server, config):
     config.share(0, "Public", "smb://nas/public")
     for folder, code in [(ok, 0), (small, 22), (ro, 60), (DRIVES / "none", 60), ("smb://nas/public", 0),
                          ("smb://nas/other", 11)]:
-        a = host.run("verify_user_storage_download_status", str(folder))
-        assert (a.result, a.tree.children) == (code, []), folder
+        assert ((a := host.run("verify_user_storage_download_status", str(folder))).result, a.tree.children) == (code, [])
     assert ("HEAD", "/vtrdb/main.php") in server.requests and list(ok.iterdir()) == []  # the probe is removed
     config["vtrdb_host"] = closed_port_host()
     assert host.run("verify_user_storage_download_status", str(ok)).result == 61
@@ -155,8 +152,7 @@ def test_downloads_and_failures(host, server):
             (("-rf", "/1.jpg", "p.jpg"), 11), ((folder, f"//{closed_port_host()}/x.jpg", "x.jpg"), 12)]:
         url = address if address in ("undefined", "--post-file=/etc/passwd") else server.base + address
         url = "http:" + address if address.startswith("//") else url
-        a = host.run("download_user_storage_file", str(where), url, *rest)
-        assert (a.result, a.tree.children) == (code, []), address
+        assert ((a := host.run("download_user_storage_file", str(where), url, *rest)).result, a.tree.children) == (code, [])
     assert sorted(folder.iterdir()) == before
     assert host.run("download_user_storage_file", str(folder), server.base + "/1.jpg").result == 1
 

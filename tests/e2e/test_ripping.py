@@ -104,8 +104,7 @@ def test_action_words_counts_and_limits(host, doubles):
                           (["gettrack", "x", "y"], 4), (["start_ripping", "/USB/"], 4),
                           (["start_ripping", "/USB/", "ALL", "true", "false", "WAV"], 4),
                           (["Create_Directory", "/USB/"], 4), (["Create_Directory", "/USB/", "n" * 5000], 4)]:
-        a = host.run("ripping", *words)
-        assert (a.result, a.tree.children) == (result, []), words
+        assert ((a := host.run("ripping", *words)).result, a.tree.children) == (result, []), words
     assert not KILL.exists()  # StopRipping without a rip leaves no marker
     assert rip(host, album="a" * 600) == rip(host, drive="/" + "d" * 5000 + "/") == rip(host, tracks="1" * 600) == 4
     assert calls() == [] and os.listdir(doubles / "USB") == []

@@ -32,8 +32,7 @@ def test_create_write_read_info(host, drives):
     markup = b'<a href="x">&amp; \xc3\xa9 \xff\x01</a>]]>'
     assert host.run("write_user_storage_file", "HDD/new/notes.txt", "false", markup, "0").result == 0
     assert host.run("read_user_storage_file", "HDD/new/notes.txt", "0", "0").tree.text_of("content") == markup
-    blob = bytes(range(256)) * 3 + b"\0\0<x>\0"
-    path.write_bytes(blob)
+    path.write_bytes(blob := bytes(range(256)) * 3 + b"\0\0<x>\0")
     a = host.run("read_user_storage_file", "HDD/new/notes.txt", "250", "10")
     assert (a.result, a.tree.tags, a.tree.text_of("content")) == (0, ["content"], blob[250:260])
     (drives / "w.txt").write_bytes(b"0123456789")
