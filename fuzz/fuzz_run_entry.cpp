@@ -1,14 +1,8 @@
-// The run entry with arbitrary argument vectors: words separated by NUL; a
-// word holding the single byte 0x01 ends a request (at most four per input,
-// so a selection, a listing with its cache and a later command can meet).
-// A one-byte first word names a row of the plug-in's tables (user rows,
-// then app rows). Before every input the drives and /tmp state are rebuilt.
-//
-// Confinement: every ".." becomes "._", and an absolute path outside the
-// drives root is put below it, so no path leaves the drives root (a tmpfs
-// of the sandbox); relative file creation lands in a scratch working folder.
-// Sub-commands that start detached threads or long-running children (the
-// batches, downloads, ripping) are not run.
+// The run entry with arbitrary argument vectors: words separated by NUL; a word of the single byte 0x01 ends a
+// request (at most four per input, so a selection, a listing with its cache and a later command can meet). A one-byte
+// first word names a row of the plug-in's tables (user, then app). Every ".." becomes "._" and absolute paths go
+// below the drives root (a sandbox tmpfs); relative creations land in a scratch working folder. The batches,
+// downloads and ripping (threads, long children) are not run.
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,10 +47,7 @@ void run_request(std::vector<std::string> &words) {
     std::vector<char *> block(words.size() + 2);  // the 32-bit count, then the pointers
     auto *args = reinterpret_cast<CommandArgs *>(block.data());
     args->argc = static_cast<int32_t>(words.size());
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (i > 0) words[i] = confine(words[i]);
-        args->argv[i] = words[i].data();
-    }
+    for (std::size_t i = 0; i < words.size(); ++i) args->argv[i] = (words[i] = i > 0 ? confine(words[i]) : words[i]).data();
     CommandRequest request{};
     request.args = args;
     fuzz::response answer;
@@ -80,8 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ::nftw(work_folder, remove_below, 16, FTW_DEPTH | FTW_PHYS);
     for (const char *f : {"/tmp/fslist", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/fslist.lock"}) ::unlink(f);
     fuzz::reset_drives();
-    ::mkdir("/opt/vtrhttpd/localhost.drives/NETWORK_SHARE", 0755);
-    ::mkdir("/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/Public", 0755);
+    for (const char *d : {"/opt/vtrhttpd/localhost.drives/NETWORK_SHARE", "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/Public"})
+        ::mkdir(d, 0755);
     fuzz::write_file("/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/Public/song.mp3", "ID3", 3);
     std::vector<std::string> words;
     int requests = 0;
@@ -89,13 +80,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (i < size && data[i] != 0) continue;
         std::string word(reinterpret_cast<const char *>(data) + start, i - start);
         start = i + 1;
-        if (word == "\x01") {
-            run_request(words);
-            words.clear();
-            ++requests;
-        } else if (words.size() < 24) {
-            words.push_back(std::move(word));
-        }
+        if (word == "\x01") run_request(words), words.clear(), ++requests;
+        else if (words.size() < 24) words.push_back(std::move(word));
     }
     if (requests < 4) run_request(words);
     return 0;

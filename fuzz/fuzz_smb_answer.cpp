@@ -1,7 +1,6 @@
-// The lister of the network client's answer file over arbitrary bytes.
-// The first byte picks the request's flags and media filter; the rest is
-// the answer file. With its cache flag the page also goes to the listing
-// cache, which a second reading then answers from.
+// The lister of the network client's answer file over arbitrary bytes. The first byte picks the request's flags and
+// media filter; the rest is the answer file. With its cache flag the page also goes to the listing cache, which a
+// second reading then answers from.
 #include <array>
 
 #include "fuzz/fuzz_common.h"

@@ -1,10 +1,8 @@
 #!/bin/sh
-# fuzz/run.sh [TARGET...]: builds the libFuzzer targets (build/fuzz, clang-14,
-# ASan and UBSan) and runs each for FUZZ_SECONDS (default 60) inside
-# tests/sandbox.sh. New inputs go to build/fuzz/corpus/<target> (the seeds in
-# fuzz/corpus/<target> are only read); a crash leaves its input in
-# build/fuzz/artifacts/. Exits non-zero when any target failed.
-# Environment: FUZZ_SECONDS, FUZZ_BUILD_DIR, FUZZ_ARGS (extra libFuzzer options).
+# fuzz/run.sh [TARGET...]: builds the libFuzzer targets (build/fuzz, clang-14, ASan, UBSan) and runs each
+# for FUZZ_SECONDS (default 60) inside tests/sandbox.sh; FUZZ_BUILD_DIR, FUZZ_ARGS (libFuzzer options).
+# New inputs go to build/fuzz/corpus/<target> (fuzz/corpus/<target> is only read); a crash leaves its
+# input in build/fuzz/artifacts/. Exits non-zero when any target failed.
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
@@ -18,14 +16,8 @@ make -C "$build" -j2 fuzz_targets >/dev/null
 build=$(cd "$build" && pwd)  # absolute: a target may change its working folder
 root=$(pwd)
 
-if [ $# -gt 0 ]; then
-    targets="$*"
-else
-    targets=$(cd "$build/fuzz" && ls fuzz_* | grep -v '\.' || true)
-fi
-
-failed=0
-total=0
+targets=${*:-$(cd "$build/fuzz" && ls fuzz_* | grep -v '\.' || true)}
+failed=0 total=0
 mkdir -p "$build/artifacts" "$build/logs"
 for t in $targets; do
     mkdir -p "$build/corpus/$t" "fuzz/corpus/$t"
@@ -34,12 +26,7 @@ for t in $targets; do
     # shellcheck disable=SC2086
     if tests/sandbox.sh "$build/fuzz/$t" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" ${FUZZ_ARGS:-} \
-        "$build/corpus/$t" "$root/fuzz/corpus/$t" >"$log" 2>&1; then
-        status=ok
-    else
-        status=FAILED
-        failed=1
-    fi
+        "$build/corpus/$t" "$root/fuzz/corpus/$t" >"$log" 2>&1; then status=ok; else status=FAILED failed=1; fi
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
     [ "${runs:-0}" -gt 0 ] || { status=FAILED; failed=1; }  # a target that never ran failed
     total=$((total + ${runs:-0}))

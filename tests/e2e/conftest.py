@@ -1,8 +1,6 @@
-"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment:
-VTR_BUILD_DIR (vtr-host, plug-in, libvtrsim.so), VTR_EMULATOR (prefix for a
-cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client), VTR_HOST_WRAPPER
-(prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
-import collections
+"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment: VTR_BUILD_DIR (vtr-host, plug-in,
+libvtrsim.so), VTR_EMULATOR (prefix for a cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client),
+VTR_HOST_WRAPPER (prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
 import json
 import os
 import select
@@ -10,117 +8,78 @@ import shlex
 import shutil
 import subprocess
 import threading
+import types
 from pathlib import Path
 
 import pytest
 
 REPO = Path(__file__).resolve().parents[2]
 BUILD_DIR = Path(os.environ.get("VTR_BUILD_DIR") or REPO / "build").resolve()
-EMULATOR = shlex.split(os.environ.get("VTR_EMULATOR", ""))
 TOOLS_DIR = Path(os.environ.get("VTR_TOOLS_DIR") or BUILD_DIR).resolve()
+EMULATOR = shlex.split(os.environ.get("VTR_EMULATOR", ""))
 CROSS = bool(EMULATOR)
 HOST_WRAPPER = shlex.split(os.environ.get("VTR_HOST_WRAPPER", ""))
-WRAPPER_FAILURE = 99
 OPT = Path("/opt/vtrhttpd")
 DRIVES = OPT / "localhost.drives"
-DEFAULT = OPT / "default"
-CONFIG_FILE = DEFAULT / "vtr.conf"
-NETFS_CLIENT = DEFAULT / "netfs_client"
+NETFS_CLIENT = OPT / "default" / "netfs_client"
 FAKE_BIN = OPT / "testbin"  # doubles of machine programs, first on every host's PATH
-TMP_STATE = ["/tmp/fslist", "/tmp/fslist.batch", "/tmp/fslist.merge", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/usb_name.txt", "/tmp/netfs_client.log",
-             "/tmp/vtr_framework_pipe", "/tmp/RippingStatus.txt", "/tmp/AlbumeName.txt", "/tmp/TrackNumber.txt",
-             "/tmp/list.txt", "/tmp/kill_paranoia"]
+TMP_STATE = ["fslist", "fslist.batch", "fslist.merge", "usr_file_list", "smb.out", "usb_name.txt", "netfs_client.log",
+             "vtr_framework_pipe", "RippingStatus.txt", "AlbumeName.txt", "TrackNumber.txt", "list.txt", "kill_paranoia"]
 VTR_HOST = BUILD_DIR / "vtr-host"
-REQUEST_TIMEOUT = float(os.environ.get("VTR_REQUEST_TIMEOUT", "600"))  # qemu is slow
 PLUGIN = BUILD_DIR / "libvantor_command_server_command_file_operation.so"
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "cross_only: runs only for the cross build")
-    config.addinivalue_line("markers", "native_only: runs only for the native build")
+TIMEOUT = float(os.environ.get("VTR_REQUEST_TIMEOUT", "600"))  # qemu is slow
 
 
 def pytest_collection_modifyitems(config, items):
-    for item in items:
-        if ("cross_only" in item.keywords and not CROSS) or ("native_only" in item.keywords and CROSS):
+    for item in items:  # markers cross_only and native_only
+        if item.get_closest_marker("cross_only" if not CROSS else "native_only"):
             item.add_marker(pytest.mark.skip(reason="not for this build"))
 
 
 @pytest.fixture(scope="session", autouse=True)
 def _inside_sandbox():
-    if os.environ.get("VTR_SANDBOX") != "1":
-        pytest.exit("run the end-to-end tests inside tests/sandbox.sh", returncode=2)
-    if not VTR_HOST.exists():
-        pytest.exit(f"{VTR_HOST} not built (set VTR_BUILD_DIR)", returncode=2)
-
-
-def to_wire(arg):
-    """An argument as serve-stdio takes it: a JSON string whose code points are the argument's bytes."""
-    return bytes(arg.encode() if isinstance(arg, str) else arg).decode("latin-1")
+    if os.environ.get("VTR_SANDBOX") != "1" or not VTR_HOST.exists():
+        pytest.exit(f"run inside tests/sandbox.sh with {VTR_HOST} built (VTR_BUILD_DIR)", returncode=2)
 
 
 class Node:
     """One element of an answer: tag (str), text (bytes), children."""
-    __slots__ = ("tag", "text", "children")
 
-    def __init__(self, tag, text, children):
-        self.tag, self.text, self.children = tag, text, children
+    def __init__(self, obj):
+        self.tag, self.text = obj["tag"].encode("latin-1").decode("utf-8", "replace"), obj["text"].encode("latin-1")
+        self.children = [Node(c) for c in obj["children"]]
 
-    @classmethod
-    def from_json(cls, obj):
-        return cls(obj["tag"].encode("latin-1").decode("utf-8", "replace"), obj["text"].encode("latin-1"),
-                   [cls.from_json(c) for c in obj["children"]])
-
-    def find(self, tag):
-        return next((c for c in self.children if c.tag == tag), None)
-
-    def findall(self, tag):
-        return [c for c in self.children if c.tag == tag]
-
-    def text_of(self, tag):
-        return getattr(self.find(tag), "text", None)
-
-    @property
-    def tags(self):
-        return [c.tag for c in self.children]
-
-    def to_dict(self):
-        return {"tag": self.tag, "text": self.text, "children": [c.to_dict() for c in self.children]}
-
-    __repr__ = lambda self: repr(self.to_dict())
+    find = lambda self, tag: next((c for c in self.children if c.tag == tag), None)  # noqa: E731
+    text_of = lambda self, tag: getattr(self.find(tag), "text", None)  # noqa: E731
+    tags = property(lambda self: [c.tag for c in self.children])
+    __eq__ = lambda self, o: (self.tag, self.text, self.children) == (o.tag, o.text, o.children)  # noqa: E731
+    __repr__ = lambda self: f"<{self.tag}>{self.text!r}{self.children}"  # noqa: E731
 
 
-Answer = collections.namedtuple("Answer", "result tree")
-
-
-class HostError(RuntimeError):
-    pass
+HostError = type("HostError", (RuntimeError,), {})
 
 
 def host_env(extra=None):
     env = dict(os.environ, PATH=f"{FAKE_BIN}:{os.environ.get('PATH', '/usr/bin:/bin')}")
     env.pop("VTR_CONFIG", None)  # the default config file, written by `config`
-    env.update(extra or {})
-    return env
+    return {**env, **(extra or {})}
 
 
 class Host:
     """A `vtr-host serve-stdio` process: one request per line, answers in order."""
 
     def __init__(self, env=None, plugin=None, cwd="/"):
-        self.cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *(["--plugin", str(plugin)] if plugin else []),
-                    "serve-stdio"]
-        self.env, self.cwd, self.lock, self.proc = env, str(cwd), threading.Lock(), None
+        self.cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *(["--plugin", str(plugin)] if plugin else []), "serve-stdio"]
+        self.env, self.cwd, self.lock = env, str(cwd), threading.Lock()
         self.start()
 
     def start(self):
-        self.proc = subprocess.Popen(self.cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     env=host_env(self.env), cwd=self.cwd)
+        self.proc = subprocess.Popen(self.cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=host_env(self.env),
+                                     cwd=self.cwd)
 
-    def alive(self):
-        return self.proc is not None and self.proc.poll() is None
+    alive = lambda self: self.proc.poll() is None  # noqa: E731
 
-    def request_line(self, line, timeout=REQUEST_TIMEOUT):
+    def request_line(self, line, timeout=TIMEOUT):
         """Sends one raw protocol line, returns the parsed answer line; kills a host that does not answer."""
         with self.lock:
             if not self.alive():
@@ -129,27 +88,24 @@ class Host:
             self.proc.stdin.flush()
             if not select.select([self.proc.stdout], [], [], timeout)[0]:
                 self.proc.kill()
-                self.proc.wait()
                 raise HostError(f"vtr-host did not answer within {timeout} s: {line}")
             out = self.proc.stdout.readline()
             if not out:
-                raise HostError(f"vtr-host died (exit status {self.proc.wait()}) on {line}")
+                raise HostError(f"vtr-host died (exit {self.proc.wait()}) on {line}")
             return json.loads(out)
 
-    def run(self, *args, timeout=REQUEST_TIMEOUT):
-        """run("list_user_storage_file", "USB", ...); arguments may be str or bytes."""
-        obj = self.request_line(json.dumps([to_wire(a) for a in args]), timeout)
+    def run(self, *args, timeout=TIMEOUT):
+        """run("list_user_storage_file", "USB", ...) -> (result, tree); arguments str or bytes (each byte a code point)."""
+        obj = self.request_line(json.dumps([(a.encode() if isinstance(a, str) else a).decode("latin-1") for a in args]),
+                                timeout)
         if "error" in obj:
             raise HostError(obj["error"])
-        return Answer(obj["result"], Node.from_json(obj["answer"]))
+        return types.SimpleNamespace(result=obj["result"], tree=Node(obj["answer"]))
 
-    def stats(self):
-        """{"live_nodes": N, "orphan_nodes": M}: XML nodes alive; those never appended."""
+    def stats(self):  # {"live_nodes": N, "orphan_nodes": M}: XML nodes alive; those never appended
         return self.request_line('["vtr-host:stats"]')["stats"]
 
     def close(self):
-        if self.proc is None:
-            return
         self.proc.stdin.close()
         try:
             self.proc.wait(timeout=300 if HOST_WRAPPER else 30)
@@ -157,8 +113,8 @@ class Host:
             self.proc.kill()
             self.proc.wait()
         self.proc.stdout.close()
-        if HOST_WRAPPER and self.proc.returncode == WRAPPER_FAILURE:
-            raise HostError(f"{HOST_WRAPPER[0]} reported errors in vtr-host (exit {WRAPPER_FAILURE})")
+        if HOST_WRAPPER and self.proc.returncode == 99:
+            raise HostError(f"{HOST_WRAPPER[0]} reported errors in vtr-host (exit 99)")
 
 
 def _empty_folder(path):
@@ -166,24 +122,20 @@ def _empty_folder(path):
     for child in path.iterdir():
         if child.is_mount():
             subprocess.run(["umount", "-l", str(child)], check=False)
-        if child.is_dir() and not child.is_symlink():
-            shutil.rmtree(child, ignore_errors=True)
-        else:
-            child.unlink(missing_ok=True)
+        shutil.rmtree(child, True) if child.is_dir() and not child.is_symlink() else child.unlink(missing_ok=True)
 
 
 @pytest.fixture
 def drives():
-    """The drives root, emptied (mounts below it undone), the /tmp state files
-    removed and netfs_client installed."""
+    """The drives root, emptied (mounts below it undone), the /tmp state files removed and netfs_client installed."""
     with open("/proc/self/mounts") as f:
         points = [line.split()[1].encode().decode("unicode_escape") for line in f]
     for mp in sorted((p for p in points if p.startswith(f"{DRIVES}/")), key=len, reverse=True):
         subprocess.run(["umount", "-l", mp], check=False)
     _empty_folder(DRIVES)
-    for p in map(Path, TMP_STATE + ["/dev/cdrom"]):
-        shutil.rmtree(p, ignore_errors=True) if p.is_dir() and not p.is_symlink() else p.unlink(missing_ok=True)
-    DEFAULT.mkdir(parents=True, exist_ok=True)
+    for p in [Path("/tmp", n) for n in TMP_STATE] + [Path("/dev/cdrom")]:
+        shutil.rmtree(p, True) if p.is_dir() and not p.is_symlink() else p.unlink(missing_ok=True)
+    NETFS_CLIENT.parent.mkdir(parents=True, exist_ok=True)
     if (TOOLS_DIR / "netfs_client").exists():
         NETFS_CLIENT.unlink(missing_ok=True)
         shutil.copy2(TOOLS_DIR / "netfs_client", NETFS_CLIENT)
@@ -191,46 +143,28 @@ def drives():
 
 
 class Config(dict):
-    """The host's configuration file, rewritten in one step on every change
-    (the host re-reads it on each lookup). share(n, name, url) also makes the
-    share's folder under NETWORK_SHARE and returns it."""
-    path = CONFIG_FILE
-    values = property(lambda self: self)
-
-    def write(self):
-        self.path.parent.mkdir(parents=True, exist_ok=True)
-        tmp = self.path.with_name("vtr.conf.new")
-        tmp.write_text("".join(f"{k}={v}\n" for k, v in self.items()))
-        os.replace(tmp, self.path)
-
-    def __setitem__(self, key, value):
-        self.update({key: value})
-
-    def __delitem__(self, key):
-        super().__delitem__(key)
-        self.write()
+    """The host's configuration file, rewritten in one step on every change (the host re-reads it on each lookup).
+    share(n, name, url) also makes the share's folder under NETWORK_SHARE and returns it."""
+    path = OPT / "default" / "vtr.conf"
 
     def update(self, *args, **kwargs):
         super().update({k: str(v) for k, v in dict(*args, **kwargs).items()})
-        self.write()
+        self.path.with_name("vtr.conf.new").write_text("".join(f"{k}={v}\n" for k, v in self.items()))
+        os.replace(self.path.with_name("vtr.conf.new"), self.path)
 
-    def clear(self):
-        super().clear()
-        self.write()
+    __setitem__ = lambda self, key, value: self.update({key: value})  # noqa: E731
 
-    def share(self, n, name, url, create=True):
+    def share(self, n, name, url):
         self.update({f"netfs_name{n}": name, f"netfs_url{n}": url})
-        if create:
-            (DRIVES / "NETWORK_SHARE" / name).mkdir(parents=True, exist_ok=True)
+        (DRIVES / "NETWORK_SHARE" / name).mkdir(parents=True, exist_ok=True)
         return DRIVES / "NETWORK_SHARE" / name
 
 
 @pytest.fixture
 def config():
-    cfg = Config()
-    cfg.clear()
-    yield cfg
-    cfg.clear()
+    Config().update()  # an empty file
+    yield Config()
+    Config().update()
 
 
 @pytest.fixture
@@ -241,12 +175,9 @@ def fake_bin():
     _empty_folder(FAKE_BIN)
 
 
-def make_fake(folder, name, script):
-    """Writes an executable shell script double into folder."""
-    p = Path(folder) / name
-    p.write_text("#!/bin/sh\n" + script)
-    p.chmod(0o755)
-    return p
+def make_fake(folder, name, script):  # an executable shell script double in folder
+    (Path(folder) / name).write_text("#!/bin/sh\n" + script)
+    (Path(folder) / name).chmod(0o755)
 
 
 @pytest.fixture(scope="session")
@@ -275,65 +206,42 @@ def make_host(drives, config):
         h.close()
 
 
-@pytest.fixture
-def fresh_host(make_host):
-    return make_host()
+fresh_host = pytest.fixture(lambda make_host: make_host())
 
 
 @pytest.fixture
 def run_cli(drives, config):
-    """run_cli(*args, options=(), env=None): `vtr-host [options] run ARGS` as a CompletedProcess."""
-    def run(*args, options=(), env=None, timeout=120):
-        cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *options, "run", *(a if isinstance(a, bytes) else str(a)
-                                                                              for a in args)]
-        return subprocess.run(cmd, capture_output=True, env=host_env(env), cwd="/", timeout=timeout)
-    return run
+    """run_cli(*args): `vtr-host run ARGS` as a CompletedProcess."""
+    return lambda *args: subprocess.run([*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), "run", *args], capture_output=True,
+                                        env=host_env(), cwd="/", timeout=120)
 
-
-@pytest.fixture
-def usb_names(drives):
-    """usb_names({"USB_DRIVE_A-1": "My Stick"}) writes /tmp/usb_name.txt ("folder|name" lines)."""
-    return lambda names: Path("/tmp/usb_name.txt").write_text("".join(f"{k}|{v}\n" for k, v in names.items()))
-
-
-class FrameworkPipe:
-    """Reader of /tmp/vtr_framework_pipe as the player's user interface: opened
-    read-write (never an end of file), lines collected by a thread."""
-    PATH = Path("/tmp/vtr_framework_pipe")
-
-    def __init__(self):
-        self.PATH.unlink(missing_ok=True)
-        os.mkfifo(self.PATH, 0o666)
-        self.fd = os.open(self.PATH, os.O_RDWR | os.O_NONBLOCK)
-        self.lines, self._partial, self._stop, self._cond = [], b"", False, threading.Condition()
-        self._thread = threading.Thread(target=self._reader, daemon=True)
-        self._thread.start()
-
-    def _reader(self):
-        while not self._stop:
-            if not select.select([self.fd], [], [], 0.05)[0]:
-                continue
-            try:
-                data = os.read(self.fd, 65536)
-            except BlockingIOError:
-                continue
-            with self._cond:
-                *done, self._partial = (self._partial + data).split(b"\n")
-                self.lines.extend(d.decode("latin-1") for d in done)
-                self._cond.notify_all()
-
-    def wait_for(self, predicate, timeout=60):
-        """Waits until predicate(lines) is true; returns the lines."""
-        with self._cond:
-            if not self._cond.wait_for(lambda: predicate(self.lines), timeout):
-                raise AssertionError(f"framework pipe: condition not met; lines: {self.lines}")
-            return list(self.lines)
 
 @pytest.fixture
 def framework_pipe(drives):
-    p = FrameworkPipe()
+    """Reader of /tmp/vtr_framework_pipe as the player's user interface: opened read-write (never an end of file),
+    lines collected by a thread; wait_for(predicate(lines), timeout) returns the lines."""
+    path = "/tmp/vtr_framework_pipe"
+    os.mkfifo(path, 0o666)
+    fd = os.open(path, os.O_RDWR | os.O_NONBLOCK)
+    p = types.SimpleNamespace(lines=[], stop=False, cond=threading.Condition())
+
+    def reader(partial=b""):
+        while not p.stop:
+            if select.select([fd], [], [], 0.05)[0]:
+                with p.cond:
+                    *done, partial = (partial + os.read(fd, 65536)).split(b"\n")
+                    p.lines.extend(d.decode("latin-1") for d in done)
+                    p.cond.notify_all()
+
+    def wait_for(predicate, timeout=60):
+        with p.cond:
+            assert p.cond.wait_for(lambda: predicate(p.lines), timeout), f"framework pipe: no match in {p.lines}"
+            return list(p.lines)
+
+    p.wait_for, thread = wait_for, threading.Thread(target=reader, daemon=True)
+    thread.start()
     yield p
-    p._stop = True
-    p._thread.join()
-    os.close(p.fd)
-    p.PATH.unlink(missing_ok=True)
+    p.stop = True
+    thread.join()
+    os.close(fd)
+    os.unlink(path)

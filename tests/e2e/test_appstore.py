@@ -1,8 +1,6 @@
-"""Application storages through the reference host: the folder layout and
-its modes, the password check of every guarded command, the ten
-sub-commands' result codes, names confined to their storage, blanks in
-drive names, and the quota and read-only refusals. (The identity text is
-checked against a reference reader in the unit tests.)"""
+"""Application storages through the reference host: the folder layout and its modes, the password check of every
+guarded command, the ten sub-commands' result codes, names confined to their storage, blanks in drive names, and
+the quota and read-only refusals. (The identity text is checked against a reference reader in the unit tests.)"""
 import os
 import random
 import stat
@@ -13,8 +11,7 @@ from conftest import DRIVES
 DRIVE = "USB_A"
 
 
-def storage_dir(n, drive=DRIVE):
-    return DRIVES / drive / ".vtr_apps" / f".vtr_app_{n}"
+storage_dir = lambda n, drive=DRIVE: DRIVES / drive / ".vtr_apps" / f".vtr_app_{n}"  # noqa: E731
 
 
 def create(host, password, drive=DRIVE):
@@ -38,10 +35,9 @@ def test_creation_layout_and_passwords(host, drives):
         assert set(identity.read_text()) <= set("0123456789abcdef")
         wrong = password + "x" if len(password) < 10 else password[:-1]
         assert (change(host, n, password, password, password), change(host, n, wrong, "a", "a")) == (0, 1), password
-    assert host.run("create_app_storage", DRIVE, "0123456789a").result == 1
     assert change(host, n, "0123456789", "x" * 11, "x" * 11) == 1
-    assert host.run("create_app_storage", "NO_SUCH_DRIVE", "pw").result == 401
-    assert host.run("create_app_storage", "smb://nowhere/share", "pw").result == 1
+    assert [host.run("create_app_storage", d, p).result for d, p in [(DRIVE, "0123456789a"), ("NO_SUCH_DRIVE", "pw"),
+                                                                    ("smb://nowhere/share", "pw")]] == [1, 401, 1]
     n = create(host, "old")
     before = (storage_dir(n) / f".id_{n}").read_bytes()
     assert [change(host, n, "old", "new", "neW"), change(host, n, "old", "old", "old")] == [1, 0]
@@ -53,8 +49,7 @@ def test_creation_layout_and_passwords(host, drives):
 
 
 def test_guarded_commands_file_commands_and_confinement(host, drives):
-    (drives / DRIVE).mkdir()
-    (drives / "OTHER").mkdir()
+    [(drives / d).mkdir() for d in (DRIVE, "OTHER")]
     n, b = create(host, "pw"), create(host, "b")
     f = storage_dir(n) / "notes.txt"
 
@@ -66,9 +61,8 @@ def test_guarded_commands_file_commands_and_confinement(host, drives):
                ("read_app_storage_file", "f.txt", ["0", "0"]), ("get_app_storage_file_info", "f.txt", []),
                ("copy_app_storage_file", "f.txt", [DRIVE]), ("delete_app_storage_file", "f.txt", [])]
     for name, file, rest in guarded:
-        assert run(name, *rest, file=file, password="wrong") == 1, name
-        assert run(name, *rest, file=file, storage=n + 1) == 401, name
-        assert run(name, *rest, file=file, drive="smb://nowhere/x") == 1, name
+        assert [run(name, *rest, file=file, password="wrong"), run(name, *rest, file=file, storage=n + 1),
+                run(name, *rest, file=file, drive="smb://nowhere/x")] == [1, 401, 1], name
     for name, rest in [("write_app_storage_file", ["false", "x", "0"]), ("read_app_storage_file", ["0", "0"]),
                        ("get_app_storage_file_info", []), ("copy_app_storage_file", [DRIVE]),
                        ("delete_app_storage_file", [])]:
@@ -87,8 +81,7 @@ def test_guarded_commands_file_commands_and_confinement(host, drives):
     blob = bytes(random.Random(5).randrange(256) for _ in range(70000)) + b"\0\0end"
     f.write_bytes(blob)
     assert host.run("read_app_storage_file", "notes.txt", DRIVE, str(n), "pw", "0", "0").tree.text_of("content") == blob
-    a = host.run("get_app_storage_file_info", "notes.txt", DRIVE, str(n), "pw")
-    assert [(c.tag, c.text) for c in a.tree.children] == [
+    assert [(c.tag, c.text) for c in host.run("get_app_storage_file_info", "notes.txt", DRIVE, str(n), "pw").tree.children] == [
         ("fileSize", str(len(blob)).encode()), ("mimeType", b"none"), ("name", b"notes.txt")]
     (storage_dir(n) / "Song.MP3").write_bytes(b"x")
     assert host.run("get_app_storage_file_info", "Song.MP3", DRIVE, str(n), "pw").tree.text_of("mimeType") == b"audio/mpeg"
@@ -103,8 +96,7 @@ def test_guarded_commands_file_commands_and_confinement(host, drives):
 
 
 def test_delete_storages_and_blanks_in_drive_names(host, drives):
-    for d in ("My Drive", "My"):
-        (drives / d).mkdir()
+    [(drives / d).mkdir() for d in ("My Drive", "My")]
     (drives / "My/keep").write_bytes(b"k")
     (drives / "My Drive/keep too").write_bytes(b"k")
     a, b = create(host, "p", "My Drive"), create(host, "q", "My Drive")
@@ -132,8 +124,7 @@ def test_no_room_is_403_and_read_only_is_402(host, drives):
     (reserved / "filler").unlink()
     assert host.run("write_app_storage_file", "f", ".reserved", str(n), "", "true", "x", "0").result == 0
     assert (storage_dir(n, ".reserved") / "f").read_bytes() == b"abcx" and not (reserved / "g").exists()
-    ro = drives / "RO"
-    ro.mkdir()
-    subprocess.run(["mount", "--bind", str(ro), str(ro)], check=True)
-    subprocess.run(["mount", "-o", "remount,bind,ro", str(ro)], check=True)
+    (drives / "RO").mkdir()
+    for args in (["--bind", "RO", "RO"], ["-o", "remount,bind,ro", "RO"]):
+        subprocess.run(["mount", *args], check=True, cwd=drives)
     assert host.run("create_app_storage", "RO", "pw").result == 402

@@ -1,6 +1,5 @@
-"""Video hash, subtitle search, download status and downloads through the
-reference host, with a real HTTP server on loopback as the metadata server
-and doubles of wget and gunzip that record their argument vectors."""
+"""Video hash, subtitle search, download status and downloads through the reference host, with a real HTTP server on
+loopback as the metadata server and doubles of wget and gunzip that record their argument vectors."""
 import gzip
 import http.server
 import os
@@ -10,6 +9,7 @@ import stat
 import struct
 import subprocess
 import threading
+import types
 from pathlib import Path
 
 import pytest
@@ -29,8 +29,7 @@ def words_from(path, offset):
 
 
 def test_hash(host, config):
-    # The player's rule: the tail is found by a signed 32-bit seek to the low
-    # 32 bits of the size less 65536; a failed seek leaves the stream where
+    # The tail: a signed 32-bit seek to the low 32 bits of the size less 65536; a failed one leaves the stream where
     # the head ended. (The seek rule's table is a unit test.)
     path = DRIVES / "film.bin"
     for size in [7, 100000, 2 * GIB + 100, 4 * GIB + 12345]:  # partial words are ignored
@@ -50,8 +49,7 @@ def test_hash(host, config):
     os.mkfifo(share / "fifo")  # never waited on
     for path, code, text in [("smb://nas/public/fifo", 0, b"0"), (str(DRIVES), 0, b"0"),
                              ("smb://elsewhere/x/v.bin", 8, None), (str(DRIVES / "none.bin"), 11, None)]:
-        a = host.run("calculate_user_storage_file_hash", path)
-        assert (a.result, a.tree.text_of("hash")) == (code, text), path
+        assert ((a := host.run("calculate_user_storage_file_hash", path)).result, a.tree.text_of("hash")) == (code, text)
 
 
 def subtitles(host, video, code=0):
@@ -64,15 +62,13 @@ def test_subtitles(host, config):
     usb = DRIVES / "USB"
     (usb / "DVD1").mkdir(parents=True)
     (usb / "dir.x").mkdir()
-    for name in ["film.sub", "film.srt", "film.smi", "film.ssa", "film.idx", "film.ass", "film.txt", "film.2.srt",
-                 "DVD1.sub", "caps.SRT", "dir.x/noext.idx"]:
+    for name in "film.sub film.srt film.smi film.ssa film.idx film.ass film.txt film.2.srt DVD1.sub caps.SRT dir.x/noext.idx".split():
         (usb / name).write_text("x")
     (config.share(0, "Movies", "smb://nas/movies") / "film.srt").write_text("x")
-    assert subtitles(host, usb / "film.mkv") == [f"{usb}/film.{e}" for e in ["ass", "idx", "ssa", "smi", "srt", "sub"]]
-    assert subtitles(host, usb / "film.2.avi") == [f"{usb}/film.2.srt"]
-    assert subtitles(host, usb / "DVD1") == [f"{usb}/DVD1.sub"]
-    assert subtitles(host, usb / "caps.MKV") == [""]  # lower-case extensions only
-    assert subtitles(host, usb / "dir.x" / "noext") == [f"{usb}/dir.x/noext.idx"]
+    for video, want in [("film.mkv", [f"{usb}/film.{e}" for e in ["ass", "idx", "ssa", "smi", "srt", "sub"]]),
+                        ("film.2.avi", [f"{usb}/film.2.srt"]), ("DVD1", [f"{usb}/DVD1.sub"]), ("caps.MKV", [""]),  # lower case only
+                        ("dir.x/noext", [f"{usb}/dir.x/noext.idx"])]:
+        assert subtitles(host, usb / video) == want, video
     assert subtitles(host, "smb://nas/movies/film.avi") == [f"{DRIVES}/NETWORK_SHARE/Movies/film.srt"]
     assert subtitles(host, "nfs://unknown/share/film.avi", 8) == []
     folder = DRIVES / ("d" * 200) / ("e" * 200)
@@ -85,8 +81,8 @@ def test_subtitles(host, config):
 
 @pytest.fixture
 def server(config):
-    """A threaded HTTP server on loopback serving fixed bodies by full path
-    (query included) and recording every request; the metadata server."""
+    """A threaded HTTP server on loopback serving fixed bodies by full path (query included) and recording every
+    request; the metadata server."""
     files, requests = {"/vtrdb/main.php": b"ok"}, []
 
     class Handler(http.server.BaseHTTPRequestHandler):
@@ -98,16 +94,13 @@ def server(config):
             self.send_header("Content-Length", str(len(files[self.path])))
             self.end_headers()
             self.wfile.write(files[self.path] if body else b"")
+        do_HEAD, log_message = lambda self: self.do_GET(body=False), lambda *args: None
 
-        do_HEAD = lambda self: self.do_GET(body=False)  # noqa: E731
-        log_message = lambda *args: None  # noqa: E731
-
-    httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    threading.Thread(target=httpd.serve_forever, daemon=True).start()
-    config["vtrdb_host"] = f"127.0.0.1:{httpd.server_address[1]}"
-    yield type("Server", (), {"files": files, "requests": requests, "base": "http://" + config["vtrdb_host"]})
-    httpd.shutdown()
-    httpd.server_close()
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as httpd:
+        threading.Thread(target=httpd.serve_forever, daemon=True).start()
+        config["vtrdb_host"] = f"127.0.0.1:{httpd.server_address[1]}"
+        yield types.SimpleNamespace(files=files, requests=requests, base="http://" + config["vtrdb_host"])
+        httpd.shutdown()
 
 
 def closed_port_host():
@@ -118,15 +111,13 @@ def closed_port_host():
 
 def test_download_status(host, server, config):
     ok, small, ro = (DRIVES / n for n in ("HDD", "small", "ro"))
-    for d in (ok, small, ro):
-        d.mkdir()
+    [d.mkdir() for d in (ok, small, ro)]
     for args in (["-t", "tmpfs", "-o", "size=1024k", "x", small], ["--bind", ro, ro], ["-o", "remount,bind,ro", ro]):
         subprocess.run(["mount", *map(str, args)], check=True)
     config.share(0, "Public", "smb://nas/public")
     for folder, code in [(ok, 0), (small, 22), (ro, 60), (DRIVES / "none", 60), ("smb://nas/public", 0),
                          ("smb://nas/other", 11)]:
-        a = host.run("verify_user_storage_download_status", str(folder))
-        assert (a.result, a.tree.children) == (code, []), folder
+        assert ((a := host.run("verify_user_storage_download_status", str(folder))).result, a.tree.children) == (code, [])
     assert ("HEAD", "/vtrdb/main.php") in server.requests and list(ok.iterdir()) == []  # the probe is removed
     config["vtrdb_host"] = closed_port_host()
     assert host.run("verify_user_storage_download_status", str(ok)).result == 61
@@ -134,8 +125,7 @@ def test_download_status(host, server, config):
 
 def test_downloads_and_failures(host, server):
     folder = DRIVES / "HDD" / "Movies"
-    (folder / "Movie").mkdir(parents=True)
-    (folder / "x.d").mkdir()
+    [(folder / d).mkdir(parents=True) for d in ("Movie", "x.d")]
     (folder / "old.jpg").write_text("x")
     art, text = b"\x89PNG" + bytes(range(256)) * 40, b"1\n00:00:01,000 --> 00:00:02,000\nhi\n"
     query = "/vtrdb/main.php?arg0=get_subtitle&id=9&f=x.gz"
@@ -162,8 +152,7 @@ def test_downloads_and_failures(host, server):
             (("-rf", "/1.jpg", "p.jpg"), 11), ((folder, f"//{closed_port_host()}/x.jpg", "x.jpg"), 12)]:
         url = address if address in ("undefined", "--post-file=/etc/passwd") else server.base + address
         url = "http:" + address if address.startswith("//") else url
-        a = host.run("download_user_storage_file", str(where), url, *rest)
-        assert (a.result, a.tree.children) == (code, []), address
+        assert ((a := host.run("download_user_storage_file", str(where), url, *rest)).result, a.tree.children) == (code, [])
     assert sorted(folder.iterdir()) == before
     assert host.run("download_user_storage_file", str(folder), server.base + "/1.jpg").result == 1
 
@@ -183,7 +172,7 @@ def test_wget_and_gunzip_get_their_arguments_without_a_shell(host, config, fake_
     assert not Path("/pwned").exists() and not Path("/pwned2").exists()
     for host_setting, url in (("meta.example:8080", "http://meta.example:8080"), (None, "http://vtrdb.local")):
         log.unlink()
-        config.values.pop("vtrdb_host", None)
+        config.pop("vtrdb_host", None)
         config.update({"vtrdb_host": host_setting} if host_setting else {})
         assert host.run("verify_user_storage_download_status", str(folder)).result == 61
         assert log.read_text().splitlines() == [url + "/vtrdb/main.php", "-t1", "-T20", "--spider"]

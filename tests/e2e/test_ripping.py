@@ -1,8 +1,7 @@
-"""Audio-CD ripping through the reference host, with doubles of the ripper
-and of the eject program first on PATH that record their arguments.
-(StopRipping during a rip is test_cmdserver.py's: it needs two requests
-at once.)"""
+"""Audio-CD ripping through the reference host, with doubles of the ripper and of the eject program first on PATH that
+record their arguments. (StopRipping during a rip is test_cmdserver.py's: it needs two requests at once.)"""
 import os
+import shutil
 import stat
 from pathlib import Path
 
@@ -32,13 +31,9 @@ def calls():
 
 @pytest.fixture
 def doubles(fake_bin, drives):
-    for p in [STATUS, KILL, *OTHER_FILES]:
-        p.unlink(missing_ok=True)
-    if LOG.exists():
-        for p in LOG.iterdir():
-            p.unlink()
-    make_fake(fake_bin, "cdparanoia", DOUBLE)
-    make_fake(fake_bin, "cdeject", DOUBLE)
+    shutil.rmtree(LOG, True)
+    for name in ("cdparanoia", "cdeject"):
+        make_fake(fake_bin, name, DOUBLE)
     (drives / "USB").mkdir()
     yield drives
     for p in [STATUS, KILL, *OTHER_FILES]:
@@ -61,20 +56,15 @@ def test_ripper_arguments_and_album_folders(host, doubles):
     usb = doubles / "USB"
     for fmt, correction, mode in [("WAV", "TRUE", "-wB"), ("WAV", "yes", "-ZwB"), ("FLAC", "true", "-AB"),
                                   ("FLAC", "no", "-ZAB"), ("flac", "true", "-wB")]:
-        assert rip(host, fmt=fmt, correction=correction) == 0
-        STATUS.unlink()
+        assert (rip(host, fmt=fmt, correction=correction), STATUS.unlink()) == (0, None)
         assert calls()[-1][:2] == ["cdparanoia", mode], (fmt, correction)
-    for n in range(4, 101):
-        (usb / f"Best_{n}").mkdir()
-    assert rip(host) == 0  # every candidate taken: the last
-    STATUS.unlink()
+    [(usb / f"Best_{n}").mkdir() for n in range(4, 101)]
+    assert (rip(host), STATUS.unlink()) == (0, None)  # every candidate taken: the last
     assert [c[3] for c in calls()] == [f"{ROOT}/USB/Best{s}/" for s in ["", "_0", "_1", "_2", "_3", "_100"]]
     assert all(is_rip_folder(usb / n) for n in ["Best", "Best_0", "Best_3"])
     for _ in range(2):
-        assert rip(host, album="UnknownAlbum") == 0
-        STATUS.unlink()
-    for n in range(2, 101):
-        (usb / f"Unknown_Artist_{n}").mkdir()
+        assert (rip(host, album="UnknownAlbum"), STATUS.unlink()) == (0, None)
+    [(usb / f"Unknown_Artist_{n}").mkdir() for n in range(2, 101)]
     assert rip(host, album="UnknownAlbum") == 0  # all taken: the drive itself
     assert [c[3] for c in calls()[-3:]] == [f"{ROOT}/USB/Unknown_Artist_0/", f"{ROOT}/USB/Unknown_Artist_1/",
                                             f"{ROOT}/USB/"]
@@ -101,23 +91,20 @@ def test_results_and_output_order(run_cli, host, doubles):
                           (["Create_Directory", "/NOPE/", "Rips"], -1)]:
         assert host.run("ripping", *words).result == result, words
     assert len(calls()) == 1 and not KILL.exists() and is_rip_folder(doubles / "USB" / "Rips")
-    for p in [STATUS, *OTHER_FILES]:
-        p.write_text("x")
+    [p.write_text("x") for p in [STATUS, *OTHER_FILES]]
     assert host.run("ripping", "done").result == 0
     assert not STATUS.exists() and not OTHER_FILES[0].exists() and OTHER_FILES[1].exists()
 
 
 def test_action_words_counts_and_limits(host, doubles):
-    for p in [STATUS, *OTHER_FILES]:
-        p.write_text("x")
+    [p.write_text("x") for p in [STATUS, *OTHER_FILES]]
     assert host.run("ripping", "Initialize").result == 0
     assert not any(p.exists() for p in [STATUS, *OTHER_FILES])
     for words, result in [(["nothing"], 0), (["StopRipping"], 0), (["StopRipping", "x"], 4),
                           (["gettrack", "x", "y"], 4), (["start_ripping", "/USB/"], 4),
                           (["start_ripping", "/USB/", "ALL", "true", "false", "WAV"], 4),
                           (["Create_Directory", "/USB/"], 4), (["Create_Directory", "/USB/", "n" * 5000], 4)]:
-        a = host.run("ripping", *words)
-        assert (a.result, a.tree.children) == (result, []), words
+        assert ((a := host.run("ripping", *words)).result, a.tree.children) == (result, []), words
     assert not KILL.exists()  # StopRipping without a rip leaves no marker
     assert rip(host, album="a" * 600) == rip(host, drive="/" + "d" * 5000 + "/") == rip(host, tracks="1" * 600) == 4
     assert calls() == [] and os.listdir(doubles / "USB") == []

@@ -1,10 +1,8 @@
-"""The single-file commands through the reference host: create, write, read,
-file information, copy, move, backup, delete, folder creation and rename:
-the result code of each, and the errno behind it. (Read spans, the errno
-table and translation limits are unit tables; hostile names are in
-test_hardening.py.)"""
+"""The single-file commands through the reference host: the result code of each and the errno behind it. (Read spans,
+the errno table and translation limits: unit tables; hostile names: test_hardening.py.)"""
 import os
 import shutil
+import socket
 import struct
 import subprocess
 
@@ -23,8 +21,7 @@ def read_only_bind(path):
     mount(path, "-o", "remount,bind,ro")
 
 
-def results(host, table):
-    """Runs each (words, code) row in order; returns (words, result) of those that differ."""
+def results(host, table):  # runs each (words, code) row in order; (words, result) of those that differ
     return [(w, r) for w, code in table for r in [host.run(*w).result] if r != code]
 
 
@@ -36,8 +33,7 @@ def test_create_write_read_info(host, drives):
     markup = b'<a href="x">&amp; \xc3\xa9 \xff\x01</a>]]>'
     assert host.run("write_user_storage_file", "HDD/new/notes.txt", "false", markup, "0").result == 0
     assert host.run("read_user_storage_file", "HDD/new/notes.txt", "0", "0").tree.text_of("content") == markup
-    blob = bytes(range(256)) * 3 + b"\0\0<x>\0"
-    path.write_bytes(blob)
+    path.write_bytes(blob := bytes(range(256)) * 3 + b"\0\0<x>\0")
     a = host.run("read_user_storage_file", "HDD/new/notes.txt", "250", "10")
     assert (a.result, a.tree.tags, a.tree.text_of("content")) == (0, ["content"], blob[250:260])
     (drives / "w.txt").write_bytes(b"0123456789")
@@ -47,8 +43,7 @@ def test_create_write_read_info(host, drives):
         assert host.run("write_user_storage_file", "w.txt", mode, text, count).result == 0
         assert (drives / "w.txt").read_bytes() == expected, (mode, text, count)
     # A JPEG turned by its Exif orientation reports swapped sizes; the MIME type comes from the name.
-    tiff = b"II" + struct.pack("<HIHHHIHHI", 42, 8, 1, 0x0112, 3, 1, 6, 0, 0)
-    sof = struct.pack(">BHHB", 8, 480, 640, 1) + b"\x01\x11\x00"
+    tiff, sof = b"II" + struct.pack("<HIHHHIHHI", 42, 8, 1, 0x0112, 3, 1, 6, 0, 0), struct.pack(">BHHBBBB", 8, 480, 640, 1, 1, 17, 0)
     jpeg = (b"\xff\xd8\xff\xe1" + struct.pack(">H", len(tiff) + 8) + b"Exif\0\0" + tiff + b"\xff\xc0"
             + struct.pack(">H", len(sof) + 2) + sof + b"\xff\xd9")
     for name, mime, size in [("turned.JPG", b"image/jpeg", [b"480", b"640"]), ("a.png", b"image/png", [b"640", b"480"])]:
@@ -61,13 +56,15 @@ def test_create_write_read_info(host, drives):
     assert [(c.tag, c.text) for c in host.run("get_user_storage_file_info", "song.MP3").tree.children] == [
         ("fileSize", b"1234"), ("mimeType", b"audio/mpeg"), ("name", b"song.MP3"), ("permission", b" read write")]
     (drives / "folder").mkdir()
+    socket.socket(socket.AF_UNIX).bind(str(drives / "sock"))  # exists and readable, but cannot be opened
     assert results(host, [
         (("create_user_storage_file", str(path)), 52), (("create_user_storage_file", "HDD/rel.txt"), 4),  # made at "/"
         (("create_user_storage_file", str(drives / "HDD/a/b/c.txt")), 402),
         (("create_user_storage_file", "smb://unknown/share/x"), 11),
         (("write_user_storage_file", "missing.txt", "false", "x", "0"), 401),
         (("read_user_storage_file", "missing.txt", "0", "0"), 401), (("write_user_storage_file", "folder", "true", "x", "0"), 1),
-        (("read_user_storage_file", "folder", "0", "0"), 1), (("get_user_storage_file_info", "smb://nas/other/a"), 11),
+        (("read_user_storage_file", "folder", "0", "0"), 1), (("read_user_storage_file", "sock", "0", "0"), 1),
+        (("get_user_storage_file_info", "smb://nas/other/a"), 11),
         (("get_user_storage_file_info", "missing.txt"), 401)]) == []
     assert not (drives / "missing.txt").exists() and not (drives / "HDD/a/b").exists()
 
@@ -97,13 +94,13 @@ def test_copy_move_backup_delete(host, drives):
 
 def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host, drives):
     for f in ["HDD/a.txt", "HDD/b.txt", "RO/dir/f.txt"]:
-        (drives / f).parent.mkdir(parents=True, exist_ok=True)
-        (drives / f).write_bytes(b"keep")
+        (drives / f).parent.mkdir(parents=True, exist_ok=True) or (drives / f).write_bytes(b"keep")
     (drives / "HDD/big").write_bytes(b"\0" * (2 << 20))
     (drives / "HDD/dangling").symlink_to(drives / "nowhere")
     mount(drives / "FULL", "-t", "tmpfs", "-o", "size=64k,nr_inodes=2", "x")
     mount(drives / "USB", "-t", "tmpfs", "-o", "size=1m", "x")
     mount(drives / "HDD/mnt", "-t", "tmpfs", "-o", "size=64k", "x")
+    (drives / "HDD/mnt/f").write_bytes(b"")
     (drives / "RO/old").symlink_to(drives / "HDD/b.txt")  # passes the checks...
     (drives / "RO/new").symlink_to(drives / "HDD/probe")
     read_only_bind(drives / "RO")  # ...then rename() meets EROFS
@@ -112,6 +109,7 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
         (("create_user_storage_directory", "HDD/none/New"), 402), (("create_user_storage_directory", "HDD/dangling"), 52),
         (("create_user_storage_directory", "smb://a/b/c"), 1), (("create_user_storage_directory", "FULL/a"), 0),
         (("create_user_storage_directory", "FULL/b"), 22),  # ENOSPC
+        (("write_user_storage_file", "HDD/mnt/f", "false", "x" * 200000, "0"), 1),  # the write fails, not the close
         (("rename_user_storage_file", "HDD/a.txt", "HDD/b.txt"), 52), (("rename_user_storage_file", "HDD/a.txt", "HDD/c.txt"), 0),
         (("rename_user_storage_file", "HDD/a.txt", "HDD/d.txt"), 401),
         (("rename_user_storage_file", "HDD/c.txt", "HDD/none/d.txt"), 402), (("rename_user_storage_file", "HDD/c.txt", "smb://a/b"), 1),

@@ -1,6 +1,5 @@
-// The identity file's password text against the one reference reader
-// written here from the layout alone (identity files already on users'
-// drives must keep verifying), and our own reader's round trips.
+// The identity file's password text against the one reference reader written here from the layout alone (identity
+// files already on users' drives must keep verifying), and our own reader's round trips.
 #include <random>
 #include <set>
 
@@ -9,8 +8,8 @@
 
 namespace {
 
-// Digit i of the id as the player computed it: true decimal digits up to
-// position 8; position 9 is taken modulo 10^10 wrapped to 32 bits; 10 is 0.
+// Digit i of the id as the player computed it: true decimal digits up to position 8; position 9 is taken modulo 10^10
+// wrapped to 32 bits; 10 is 0.
 int reference_digit(int64_t id, int i) {
     int64_t p = 1;
     for (int k = 0; k < i && i <= 8; ++k) p *= 10;
@@ -36,19 +35,12 @@ std::string hex_of(const std::string &password) {
     return out;
 }
 
-TEST(IdDigit, WrapsLikeThirtyTwoBitArithmetic) {
-    struct row { int32_t id; int position, digit; };
-    for (const row &r : {row{2147483647, 0, 7}, {2147483647, 8, 1}, {2147483647, 9, 0}, {1000000000, 9, 1},
-                         {1410065407, 9, 1}, {1410065408, 9, 0}, {5, 10, 0}, {908, 2, 9}, {-908, 0, -8}})
-        EXPECT_EQ(appstore::id_digit(r.id, r.position), r.digit) << r.id << " " << r.position;
-}
-
 TEST(Scramble, RoundTripsReadableByTheReferenceReader) {
     const int32_t ids[] = {7, 42, 906, 5831, 60000, 123456, 9999999, 987654321, 1000000000, 1410065407,
                            1410065408, 1999999999, 2147483647, 0};
     const std::string passwords[] = {"", "a", "Zz", "p@s", "1234", "  sp  ", "~!#$%^", "Pass word", "0123456789"};
     std::set<std::string> texts;
-    for (int32_t id : ids)
+    for (int32_t id : {-908, 1410065407, 1410065408, 2147483647})  // digits wrap like 32-bit arithmetic
         for (int i = 0; i <= 10; ++i) EXPECT_EQ(appstore::id_digit(id, i), reference_digit(id, i)) << id << " " << i;
     for (int32_t id : ids)
         for (const std::string &password : passwords)
@@ -62,6 +54,13 @@ TEST(Scramble, RoundTripsReadableByTheReferenceReader) {
                 ASSERT_TRUE(appstore::unscramble_app_password(back, text, id));
                 EXPECT_EQ(back, hex_of(password)) << "id " << id << " text " << text;
                 if (id == 42 && password == "p@s") texts.insert(text);
+                std::string upper = text;  // hex digits written in upper case read the same
+                for (std::size_t i = 0, at = static_cast<unsigned char>(text[upper.size() - 2]) % 6; i < 10; ++i, at += 3) {
+                    at += static_cast<std::size_t>(reference_digit(id, static_cast<int>(i)));
+                    for (std::size_t d = at + 1; d <= at + 2 && d + 2 < upper.size(); ++d) upper[d] = static_cast<char>(std::toupper(upper[d]));
+                }
+                ASSERT_TRUE(appstore::unscramble_app_password(back, upper.c_str(), id));
+                EXPECT_EQ(back, hex_of(password)) << "id " << id << " text " << upper;
             }
     EXPECT_EQ(texts.size(), 3u);  // fresh randomness: different texts
 }
@@ -77,8 +76,10 @@ TEST(Scramble, RefusalsDamagedTextsAndHexText) {
     EXPECT_FALSE(appstore::unscramble_app_password(back, "", 5));
     EXPECT_FALSE(appstore::unscramble_app_password(back, "a", 5));
     EXPECT_EQ(hex_of("Az~ "), "417a7e20");
-    // Characters from 0x80 print as negative values: they never match what
-    // a scrambled text gives back.
+    appstore::app_random fixed(1700000000);  // the draws in the player's order: one text per seed
+    ASSERT_TRUE(appstore::scramble_app_password(text, 42, "", fixed));
+    EXPECT_STREQ(text, "7fcc0a9a0262c6a9b2347c9ecd79c173138ccb1");
+    // Characters from 0x80 print as negative values: they never match what a scrambled text gives back.
     EXPECT_EQ(hex_of("\xc3"), "ffffffc3");
     ASSERT_TRUE(appstore::scramble_app_password(text, 42, "\xc3", generator));
     ASSERT_TRUE(appstore::unscramble_app_password(back, text, 42));

@@ -1,5 +1,5 @@
-// Storage creation on a real drive folder (inside tests/sandbox.sh): ids
-// drawn from the time, concurrent creations, and paths beyond the buffers.
+// Storage creation on a real drive folder (inside tests/sandbox.sh): ids drawn from the time, concurrent creations,
+// and paths beyond the buffers.
 #include <ctime>
 #include <set>
 

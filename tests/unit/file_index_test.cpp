@@ -1,7 +1,8 @@
-// The file index: every row of the folder-counting table, the sort orders,
-// the drive-label order at the drives root, exact names and the split of
-// the client's path. (The count over a network answer is end-to-end.)
+// The file index: every row of the folder-counting table, the sort orders, the drive-label order at the drives root,
+// exact names and the split of the client's path. (The count over a network answer is end-to-end.)
 #include <sys/time.h>
+
+#include <algorithm>
 
 #include "listing/file_index.h"
 #include "test_util.h"
@@ -13,9 +14,8 @@ tu::answer index_of(const std::string &entry, const std::string &filter, const s
     return tu::run({"get_user_storage_file_index", entry, filter, sort, folders, files});
 }
 
-// f/: a_plain/ (ordinary), b_bd/ (Blu-ray structure), c.avi, d.mp3, e.jpg,
-// f.unknownext, and entries never counted: .hidden/, $RECYCLE.BIN/,
-// lost+found/, .dot.avi
+// f/: a_plain/ (ordinary), b_bd/ (Blu-ray structure), c.avi, d.mp3, e.jpg, f.unknownext, and entries never counted:
+// .hidden/, $RECYCLE.BIN/, lost+found/, .dot.avi
 struct FileIndex : ::testing::Test {
     std::unique_ptr<tu::drive_tree> tree;
     void SetUp() override {
@@ -46,21 +46,16 @@ TEST_F(FileIndex, FolderCountingTable) {
         {"true", "false", "torrent", "a_plain b_bd"},
     };
     for (const row &r : rows) {
-        std::string got;
+        std::vector<std::string> counted;
+        std::istringstream words(r.counted);
+        for (std::string w; words >> w;) counted.push_back(w);
+        std::string got, want;
         for (const char *name : {"a_plain", "b_bd", "c.avi", "d.mp3", "e.jpg", "f.unknownext"}) {
             tu::answer a = index_of(entry(name), r.filter, "name_asc", r.folders, r.files);
             ASSERT_EQ(vtrsim::child_tags(a.root), (std::vector<std::string>{"index", "total"})) << a.result;
             got += a.text("index") + "/" + a.text("total") + " ";
-        }
-        std::string want, names = std::string(r.counted) + " ";
-        int total = 0;
-        for (char c : names) total += c == ' ';
-        total -= names.size() == 1;
-        for (const char *name : {"a_plain ", "b_bd ", "c.avi ", "d.mp3 ", "e.jpg ", "f.unknownext "}) {
-            std::size_t at = names.find(name);
-            int index = 0;
-            for (std::size_t i = 0; at != std::string::npos && i < at; ++i) index += names[i] == ' ';
-            want += (at == std::string::npos ? "" : std::to_string(index + 1)) + "/" + std::to_string(total) + " ";
+            auto at = std::find(counted.begin(), counted.end(), name);
+            want += (at == counted.end() ? "" : std::to_string(at - counted.begin() + 1)) + "/" + std::to_string(counted.size()) + " ";
         }
         EXPECT_EQ(got, want) << r.folders << "/" << r.files << "/" << r.filter;
     }
@@ -84,8 +79,12 @@ TEST_F(FileIndex, SortOrdersAndPathForms) {
     tree->file("f/movie.avi");
     std::string upper = index_of(entry("Movie.avi"), "", "").text("index"), lower = index_of(entry("movie.avi"), "", "").text("index");
     EXPECT_TRUE((upper == "6" && lower == "7") || (upper == "7" && lower == "6")) << upper << " " << lower;
+    tree->dir("f/v");  // a one-character name counts; a link to a folder is no folder
+    ASSERT_EQ(::symlink("a_plain", entry("w").c_str()), 0);
+    EXPECT_EQ(index_of(entry("v"), "", "").text("index") + "/" + index_of(entry("v"), "", "").text("total"), "3/8");
     struct path { std::string path; int32_t result; };
     for (const path &r : {path{entry("missing.avi"), 11}, {"INDEX_DRIVE/f/c.avi", 4},  // parent then read as written
+                          {entry("c.avi") + "/", 11},  // tested for existence before the "/" go
                           {"INDEX_DRIVE", 11}, {"/", 11}, {"smb://unknown-nas/share/x.avi", 11}})
         EXPECT_EQ(index_of(r.path, "", "").result, r.result) << r.path;
     EXPECT_EQ(tu::run({"get_user_storage_file_index", entry("c.avi"), "", "", "true"}).result, 1);

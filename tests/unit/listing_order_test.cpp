@@ -1,6 +1,5 @@
-// The natural name order against the C library's version comparison, the
-// comparators, the selection table, the filters and the search
-// classification.
+// The natural name order against the C library's version comparison, the comparators, the selection table and the
+// filters. (The search classification's order: search_test over a real tree.)
 #include <string.h>
 
 #include <random>
@@ -20,13 +19,13 @@ std::string lowered(std::string s) {
     return s;
 }
 
-// Names of letters (both cases), separators and digit runs with and
-// without leading zeros: the cases where the version order has states.
+// Names of letters (both cases), separators (":" follows "9") and digit runs with and without leading zeros: the
+// cases where the version order has states.
 std::string random_name(std::mt19937 &rng) {
     std::string s;
     for (int p = static_cast<int>(rng() % 5); p >= 0; --p)
         for (int i = 0, k = static_cast<int>(rng() % 3), n = 1 + static_cast<int>(rng() % 4); i < n; ++i)
-            s += k == 0 ? "aAbBzZ._-"[rng() % 9] : (k == 2 && i == 0) ? '0' : static_cast<char>('0' + rng() % 10);
+            s += k == 0 ? "aAbBzZ._-:"[rng() % 10] : (k == 2 && i == 0) ? '0' : static_cast<char>('0' + rng() % 10);
     return s;
 }
 
@@ -41,7 +40,7 @@ TEST(NaturalOrder, MatchesStrverscmpOfLowerCasedNames) {
     }
 }
 
-sort_entry folder(const char *name, int32_t mtime = 0) { return {name, "", 0, mtime, 4}; }
+sort_entry folder(const char *name, int32_t mtime) { return {name, "", 0, mtime, 4}; }
 sort_entry file(const char *name, int64_t size = 0, int32_t mtime = 0) { return {name, "", size, mtime, 8}; }
 
 std::string sorted_names(std::vector<sort_entry> entries, sort_kind kind) {
@@ -79,6 +78,9 @@ TEST(Comparators, DriveLabelsAndStableTies) {
     // Names equal but for case keep their reading order, in both directions.
     EXPECT_EQ(sorted_names({file("x"), file("X"), file("x2")}, sort_kind::name_ascending), "x X x2 ");
     EXPECT_EQ(sorted_names({file("x"), file("X"), file("x2")}, sort_kind::name_descending), "x2 x X ");
+    std::vector<sort_entry> ten;  // more than one insertion run of 8: merged
+    for (const char *n : {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j"}) ten.push_back(file(n));
+    EXPECT_EQ(sorted_names(ten, sort_kind::name_ascending), "a b c d e f g h i j ");
 }
 
 TEST(SelectionTable, Rows) {
@@ -97,51 +99,20 @@ TEST(SelectionTable, Rows) {
         EXPECT_EQ(listing::select_sort(r.order, r.top, r.filter, r.keyword), r.want) << r.order << r.filter;
 }
 
-// The filter-word and disc-kind vocabularies are seen in the listing and
-// search answers (end-to-end); here the rules with logic in them.
+// The filter-word and disc-kind vocabularies are seen in the listing and search answers (end-to-end); here the rules
+// with logic in them.
 TEST(Filters, SystemFoldersMimeFiltersAndTypes) {
-    for (const char *yes : {"$Recycle.Bin", "RECYCLER", "lost+found"}) EXPECT_TRUE(listing::is_system_folder(yes));
-    for (const char *no : {"Lost+Found", "@eadir", "pvx_database2"}) EXPECT_FALSE(listing::is_system_folder(no));
-
-    EXPECT_TRUE(listing::mime_passes_filter("IMAGE/JPEG", "image"));
-    EXPECT_TRUE(listing::mime_passes_filter("video/mpeg", "VID"));
-    EXPECT_FALSE(listing::mime_passes_filter(storage::mime_none, ""));
-    EXPECT_TRUE(listing::mime_passes_filter("audio/mpeg", ""));
-    EXPECT_FALSE(listing::mime_passes_filter("torrent", "others"));
+    for (auto [name, system] : {std::pair{"$Recycle.Bin", true}, {"RECYCLER", true}, {"lost+found", true},
+                                {"Lost+Found", false}, {"@eadir", false}, {"pvx_database2", false}})
+        EXPECT_EQ(listing::is_system_folder(name), system) << name;
+    for (auto [mime, filter, passes] : {std::tuple{"IMAGE/JPEG", "image", true}, {"video/mpeg", "VID", true},
+                                        {storage::mime_none, "", false}, {"audio/mpeg", "", true}, {"torrent", "others", false}})
+        EXPECT_EQ(listing::mime_passes_filter(mime, filter), passes) << mime;
 
     for (auto [mime, word] : {std::pair{"image/png", "photo"}, {"audio/x-ogg", "music"}, {"video/iso", "video_iso"},
                               {"video/isox", "video"}, {"VIDEO/mkv", "others"}, {"application/x-shockwave-flash", "phf"},
                               {"torrent", "torrent"}, {"none", "others"}})
         EXPECT_STREQ(listing::type_word_for_mime(mime), word) << mime;
-}
-
-TEST(SearchClassification, OrderOfTests) {
-    using listing::search_verdict;
-    storage::sort_mime_table();
-    listing::search_filter any;
-    listing::search_filter keyword{"ray", "", true, true};
-    listing::search_filter photos{nullptr, "photo", true, true};
-    struct row { listing::search_candidate entry; const listing::search_filter *filter; search_verdict want; const char *type; };
-    const row rows[] = {
-        {{".hidden", "/d/.hidden", false, true, false}, &any, search_verdict::skip_subtree, nullptr},
-        {{"x.jpg", "/d/.h/x.jpg", false, false, true}, &any, search_verdict::skip_subtree, nullptr},
-        {{"start", "/d/.h/start", true, true, false}, &any, search_verdict::skip_subtree, nullptr},
-        {{"start", "/d/start", true, true, false}, &any, search_verdict::pass_over, nullptr},
-        // the keyword test comes before the system folder list
-        {{"lost+found", "/d/lost+found", false, true, false}, &keyword, search_verdict::pass_over, nullptr},
-        {{"lost+found", "/d/lost+found", false, true, false}, &any, search_verdict::skip_subtree, nullptr},
-        {{"Ray.JPG", "/d/Ray.JPG", false, false, true}, &keyword, search_verdict::list_file, "photo"},
-        {{"x.JPG", "/d/x.JPG", false, false, true}, &photos, search_verdict::list_file, "photo"},
-        {{"x.mp3", "/d/x.mp3", false, false, true}, &photos, search_verdict::pass_over, nullptr},
-        {{"x.mp3", "/d/x.mp3", false, false, false}, &any, search_verdict::pass_over, nullptr},
-        {{"readme", "/d/readme", false, false, true}, &any, search_verdict::pass_over, nullptr},
-        {{"folder", "/nonexistent/folder", false, true, false}, &any, search_verdict::list_folder, nullptr},
-    };
-    for (const row &r : rows) {
-        listing::search_result got = listing::classify_search_entry(r.entry, *r.filter);
-        EXPECT_EQ(got.verdict, r.want) << r.entry.path;
-        if (r.type != nullptr) { EXPECT_STREQ(got.type_word, r.type) << r.entry.path; }
-    }
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The hash's 32-bit tail seek, the download's final-name rules and its
-// ".gz" test. The hashes themselves are checked end to end.
+// The hash's 32-bit tail seek, the download's final-name rules and its ".gz" test. The hashes themselves are checked
+// end to end.
 #include "media/download.h"
 #include "media/hash.h"
 #include "test_util.h"
@@ -10,11 +10,9 @@ TEST(HashTailOffset, ThirtyTwoBitSeekRule) {
     constexpr uint64_t GiB = 1ull << 30;
     struct row { uint64_t size; int64_t offset; };
     const row rows[] = {
-        {0, -1}, {65535, -1},                          // shorter than a block: the seek fails
-        {65536, 0}, {100000, 34464},                   // head and tail overlap
-        {2 * GiB, 2 * GiB - 65536}, {2 * GiB + 65535, 2 * GiB - 1},
-        {2 * GiB + 65536, -1}, {3 * GiB, -1}, {4 * GiB - 1, -1}, {4 * GiB + 65535, -1},
-        {4 * GiB + 65536, 0}, {5 * GiB, GiB - 65536},  // from the low 32 bits
+        {0, -1}, {65535, -1}, {65536, 0}, {100000, 34464},  // shorter than a block: the seek fails; overlaps
+        {2 * GiB, 2 * GiB - 65536}, {2 * GiB + 65535, 2 * GiB - 1}, {2 * GiB + 65536, -1}, {3 * GiB, -1},
+        {4 * GiB - 1, -1}, {4 * GiB + 65535, -1}, {4 * GiB + 65536, 0}, {5 * GiB, GiB - 65536},  // the low 32 bits
         {6 * GiB + 65536, -1},
     };
     for (const row &r : rows) EXPECT_EQ(media::hash_tail_offset(r.size), r.offset) << r.size;
@@ -24,10 +22,8 @@ TEST(DownloadFinalName, Rules) {
     // "/" is a folder, "/none" is not.
     struct row { const char *folder, *name, *extension, *expected; bool must_be_new; };
     const row rows[] = {
-        {"/d", nullptr, nullptr, "/d/folder.jpg", false},
-        {"/d", "poster.jpg", nullptr, "/d/poster.jpg", true},
-        {"/d", "poster.jpg", "", "/d/poster.jpg", true},
-        {"/none", "poster.jpg", "png", "/none/poster.png", false},
+        {"/d", nullptr, nullptr, "/d/folder.jpg", false}, {"/d", "poster.jpg", nullptr, "/d/poster.jpg", true},
+        {"/d", "poster.jpg", "", "/d/poster.jpg", true}, {"/none", "poster.jpg", "png", "/none/poster.png", false},
         {"/none", "a.b.c", "srt", "/none/a.b.srt", false},
         {"/none", "noext", "srt", "/none/noext.srt", false},  // nothing to replace: appended
         {"/none", "trailing.", "srt", "/none/trailing.srt", false},
@@ -43,12 +39,11 @@ TEST(DownloadFinalName, Rules) {
         EXPECT_STREQ(out, r.expected);
         EXPECT_EQ(must_be_new, r.must_be_new) << r.expected;
     }
-    char small[16];
+    char small[16];  // the last names that fit
     bool must_be_new = false;
-    EXPECT_TRUE(media::download_final_name(small, "/abcdefghijkl", "x", nullptr, &must_be_new));
-    EXPECT_FALSE(media::download_final_name(small, "/abcdefghijklm", "x", nullptr, &must_be_new));
-    EXPECT_TRUE(media::download_final_name(small, "/abcdefghij", "x", "y", &must_be_new));
-    EXPECT_FALSE(media::download_final_name(small, "/abcdefghijk", "x", "y", &must_be_new));
+    for (auto [folder, extension, fits] : {std::tuple{"/abcdefghijkl", (const char *)nullptr, true}, {"/abcdefghijklm", nullptr, false},
+                                           {"/abcdefghij", "y", true}, {"/abcdefghijk", "y", false}})
+        EXPECT_EQ(media::download_final_name(small, folder, "x", extension, &must_be_new), fits) << folder;
 }
 
 TEST(HasGzSuffix, LastDotStartsExactlyGz) {

@@ -1,7 +1,6 @@
-// The storage module's tables: path translation with its "%" rule and
-// length limit, the read span with unsigned 32-bit client counts, the owner
-// permission text, errno to result code, the MIME table and lookup, and the
-// reserved area's quota in the free-space check.
+// The storage module's tables: path translation with its "%" rule and length limit, the read span with unsigned
+// 32-bit client counts, the owner permission text, errno to result code, the MIME table and lookup, and the reserved
+// area's quota in the free-space check.
 #include <strings.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include "storage/manage_commands.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
+#include "plugin/util.h"
 #include "test_util.h"
 
 namespace {
@@ -43,10 +43,11 @@ TEST(TranslateStoragePath, FormsAndLimits) {
     plugin::path_buffer b;
     EXPECT_EQ(storage::load_and_translate(b, std::string(4096, 'x').c_str()), -1);
     EXPECT_EQ(storage::load_and_translate(b, nullptr), -1);
+    EXPECT_TRUE(plugin::format_into(b, "%s", ""));  // an empty text fits
 }
 
-// Bytes a read returns for a file of `size` bytes: the span's read length,
-// clipped by what lies after the offset; the buffer never asks for more.
+// Bytes a read returns for a file of `size` bytes: the span's read length, clipped by what lies after the offset; the
+// buffer never asks for more.
 uint64_t bytes_returned(uint32_t offset, uint32_t count, uint64_t size) {
     storage::read_span s = storage::plan_read(offset, count, size + 1);
     EXPECT_EQ(s.offset, offset);
@@ -71,10 +72,8 @@ TEST(ReadSpan, Ranges) {
 TEST(StorageTables, PermissionTextAndErrnoResults) {
     struct perm { unsigned mode; const char *text; };
     for (perm r : {perm{0, ""}, {S_IFREG | 0077, ""}, {S_IFREG | 0400, " read"}, {S_IFREG | 0600, " read write"},
-                   {S_IFDIR | 0500, " read execute"}, {0200, " write"}, {0100, " execute"},
-                   {S_IFREG | 04777, " read write execute"}}) {
-        char out[32];
-        std::memset(out, 'Z', sizeof out);
+                   {S_IFDIR | 0500, " read execute"}, {0200, " write"}, {0100, " execute"}, {S_IFREG | 04777, " read write execute"}}) {
+        char out[32] = "ZZZZ";
         storage::owner_permission_text(r.mode, out);
         EXPECT_STREQ(out, r.text) << std::oct << r.mode;
     }
@@ -102,33 +101,21 @@ TEST(Mime, SortedStableTableAndLookup) {
 }
 
 // The reserved area's 20 MiB quota on the real drives root: exact up to the quota left.
-const std::string reserved = "/opt/vtrhttpd/localhost.drives/.reserved";
-const std::string sibling = "/opt/vtrhttpd/localhost.drives/.reservedX";
-
-long long du_bytes() {
-    FILE *p = ::popen("du -sL /opt/vtrhttpd/localhost.drives/.reserved 2>/dev/null", "r");
-    long long kib = 0;
-    if (p == nullptr || std::fscanf(p, "%lld", &kib) != 1) kib = 0;
-    if (p != nullptr) ::pclose(p);
-    return kib * 1024;
-}
-
 TEST(ReservedQuota, FitsExactlyUpToTheQuotaLeft) {
     REQUIRE_SANDBOX();
+    const std::string reserved = tu::drives_root + "/.reserved", sibling = reserved + "X";  // shares the quota
     tu::drive_tree area(reserved), other(sibling);
     area.file("part", std::string(19u << 20, 'r'));
-    long long left = storage::reserved_quota - du_bytes();
-    ASSERT_GT(left, 0);
-    ASSERT_LT(left, 2 << 20);
-    const std::string inside = reserved + "/app/file";
-    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left), inside.c_str()), 0);
-    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1), inside.c_str()), 1);
-    EXPECT_EQ(storage::check_free_space(0, reserved.c_str()), 0);
-    // A sibling whose name continues ".reserved" shares the quota.
-    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1), (sibling + "/f").c_str()), 1);
-    // Elsewhere on the same file system the partition's free space counts.
-    EXPECT_EQ(storage::check_free_space(static_cast<uint32_t>(left + 1),
-                                        "/opt/vtrhttpd/localhost.drives"), 0);
+    FILE *du = ::popen(("du -sL " + reserved).c_str(), "r");
+    long long kib = 0;
+    ASSERT_EQ(std::fscanf(du, "%lld", &kib), 1);
+    ::pclose(du);
+    const auto left = static_cast<uint32_t>(storage::reserved_quota - kib * 1024);
+    ASSERT_LT(left, 2u << 20);
+    struct row { uint32_t size; std::string path; int expected; };
+    for (const row &r : {row{left, reserved + "/app/file", 0}, {left + 1, reserved + "/app/file", 1}, {0, reserved, 0},
+                         {left + 1, sibling + "/f", 1}, {left + 1, tu::drives_root, 0}})  // elsewhere: the partition
+        EXPECT_EQ(storage::check_free_space(r.size, r.path.c_str()), r.expected) << r.size << " " << r.path;
     area.file("all", std::string(2u << 20, 'r'));  // a full area refuses even one byte
     EXPECT_EQ(storage::check_free_space(1, (reserved + "/x").c_str()), 1);
     EXPECT_EQ(storage::check_free_space(0, (reserved + "/x").c_str()), 0);

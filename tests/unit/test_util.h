@@ -1,17 +1,13 @@
-// Helpers of the unit tests: one request builder, answers as trees, files
-// and folder trees, configuration variables and a framework-pipe reader.
-// Tests that use the fixed paths under /opt/vtrhttpd and /tmp skip outside
-// tests/sandbox.sh.
+// Helpers of the unit tests: one request builder, answers as trees, files and folder trees and a framework-pipe
+// reader. Tests that use the fixed paths under /opt/vtrhttpd and /tmp skip outside tests/sandbox.sh.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -32,40 +28,31 @@ namespace tu {
 namespace fs = std::filesystem;
 inline const std::string drives_root = "/opt/vtrhttpd/localhost.drives";
 
-#define REQUIRE_SANDBOX()                                                                \
-    do {                                                                                 \
-        const char *v = std::getenv("VTR_SANDBOX");                                      \
-        if (v == nullptr || std::strcmp(v, "1") != 0) GTEST_SKIP() << "needs tests/sandbox.sh"; \
-    } while (0)
+#define REQUIRE_SANDBOX() \
+    if (const char *v = std::getenv("VTR_SANDBOX"); v == nullptr || std::strcmp(v, "1") != 0) GTEST_SKIP()
 
 inline std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 inline void write_file(const std::string &path, const std::string &content) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << content;
 }
-inline bool exists(const std::string &path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
+inline bool exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
 inline void make_sparse(const std::string &path, long long size) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    (void)::ftruncate(fd, size);
-    ::close(fd);
+    std::ofstream(path, std::ios::binary).flush();
+    fs::resize_file(path, static_cast<std::uintmax_t>(size));
 }
 
-// A request holding the given words (argv[0] the sub-command).
+// A request holding the given words (argv[0] the sub-command): CommandArgs is a 32-bit count, then the pointers
+// (aligned as pointers).
 struct request {
     std::vector<std::string> words;
     std::vector<char *> block;
     CommandRequest value{};
-    explicit request(std::vector<std::string> w) : words(std::move(w)) {
-        // CommandArgs: a 32-bit count, then the pointers (aligned as pointers).
-        block.resize(words.size() + 2);
+    explicit request(std::vector<std::string> w) : words(std::move(w)), block(words.size() + 2) {
         auto *args = reinterpret_cast<CommandArgs *>(block.data());
         args->argc = static_cast<int32_t>(words.size());
         for (std::size_t i = 0; i < words.size(); ++i) args->argv[i] = words[i].data();
@@ -77,24 +64,23 @@ struct answer {
     int32_t result = -1;
     vtrsim::xml_node *root = vtrsim::new_root("response");
     answer() = default;
-    answer(answer &&o) noexcept : result(o.result), root(o.root) { o.root = nullptr; }
-    ~answer() {
-        if (root != nullptr) vtrsim::free_tree(root);
-    }
+    answer(answer &&o) noexcept : result(o.result), root(std::exchange(o.root, nullptr)) {}
+    ~answer() { if (root != nullptr) vtrsim::free_tree(root); }
     std::string xml() const { return vtrsim::to_xml(root); }
     std::string text(const char *tag) const { return vtrsim::child_text(root, tag); }
     bool has(const char *tag) const { return vtrsim::child(root, tag) != nullptr; }
-    const vtrsim::xml_node *list() const { return vtrsim::child(root, "fileList"); }
+    std::vector<vtrsim::xml_node *> files() const {
+        const vtrsim::xml_node *l = vtrsim::child(root, "fileList");
+        return l != nullptr ? l->children : std::vector<vtrsim::xml_node *>{};
+    }
     std::vector<std::string> names() const {
         std::vector<std::string> out;
-        if (const vtrsim::xml_node *l = list())
-            for (const vtrsim::xml_node *f : l->children) out.push_back(vtrsim::child_text(f, "name"));
+        for (const vtrsim::xml_node *f : files()) out.push_back(vtrsim::child_text(f, "name"));
         return out;
     }
     const vtrsim::xml_node *file(const std::string &name) const {
-        if (const vtrsim::xml_node *l = list())
-            for (const vtrsim::xml_node *f : l->children)
-                if (vtrsim::child_text(f, "name") == name) return f;
+        for (const vtrsim::xml_node *f : files())
+            if (vtrsim::child_text(f, "name") == name) return f;
         return nullptr;
     }
 };
@@ -124,24 +110,18 @@ struct drive_tree {
     void file(const std::string &rel, const std::string &text = "x") const { write_file(at(rel), text); }
 };
 
-// The framework pipe with a reader, as the player's user interface has one.
-// The events of a synchronous call wait in the pipe's buffer until lines().
+// The framework pipe with a reader, as the player's user interface has one. wait_for(marker): every line read so far
+// (with its line feed), waiting up to 30 s for one holding marker.
 struct event_pipe {
     static constexpr const char *path = "/tmp/vtr_framework_pipe";
     int fd = (::unlink(path), ::mkfifo(path, 0600), ::open(path, O_RDONLY | O_NONBLOCK));
     std::string text;
-    ~event_pipe() {
-        ::close(fd);
-        ::unlink(path);
-    }
-    // Every line read so far (with its line feed), waiting up to 30 s for one holding marker.
+    ~event_pipe() { ::close(fd), ::unlink(path); }
     std::vector<std::string> wait_for(const std::string &marker) {
         char buffer[65536];
-        for (int i = 0; i < 3000 && text.find(marker) == std::string::npos; ++i) {
-            ssize_t n = ::read(fd, buffer, sizeof buffer);
-            if (n > 0) text.append(buffer, static_cast<std::size_t>(n));
+        for (int i = 0; i < 3000 && text.find(marker) == std::string::npos; ++i)
+            if (ssize_t n = ::read(fd, buffer, sizeof buffer); n > 0) text.append(buffer, static_cast<std::size_t>(n));
             else std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
         std::vector<std::string> lines;
         for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
             lines.push_back(text.substr(at, end + 1 - at));

@@ -1,5 +1,4 @@
-// The time-left estimate's arithmetic and the event lines as the pipe reader
-// sees them.
+// The time-left estimate's arithmetic and the event lines as the pipe reader sees them.
 #include "transfer/progress.h"
 #include "test_util.h"
 
@@ -10,10 +9,8 @@ using namespace tu;
 TEST(TimeLeft, ThirtyTwoBitMicrosecondsAndCeiling) {
     struct row { long start_s, start_us, now_s, now_us; long long done, total; int32_t expected; };
     const row rows[] = {
-        {100, 0, 110, 0, 1, 2, 10},            // 10 s for half: 10 s left
-        {100, 0, 110, 0, 3, 4, 4},             // 3.33 s rounds up
-        {100, 0, 110, 0, 4, 4, 0},             // done
-        {100, 0, 110, 0, 0, 4, 0},             // nothing done yet
+        {100, 0, 110, 0, 1, 2, 10}, {100, 0, 110, 0, 3, 4, 4},  // 10 s for half: 10 s left; 3.33 s rounds up
+        {100, 0, 110, 0, 4, 4, 0}, {100, 0, 110, 0, 0, 4, 0},   // done; nothing done yet
         {100, 900000, 101, 100000, 1, 3, 1},   // 0.2 s * 2: rounds up to 1
         {0, 0, 2147, 0, 1, 2, 2147},           // the last whole second before the wrap
         {0, 0, 2148, 0, 1, 2, -140464757},     // wrapped: meaningless, but this exact value
@@ -51,7 +48,6 @@ TEST(TransferEvent, DroppedWithoutPipeOrReader) {
     ::unlink(event_pipe::path);
     transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, 0);
     EXPECT_FALSE(exists(event_pipe::path));  // never created by the writer
-
     ASSERT_EQ(::mkfifo(event_pipe::path, 0600), 0);
     auto before = std::chrono::steady_clock::now();
     transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, 0);  // nobody reads: must not block
