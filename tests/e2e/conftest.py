@@ -211,9 +211,9 @@ fresh_host = pytest.fixture(lambda make_host: make_host())
 
 @pytest.fixture
 def run_cli(drives, config):
-    """run_cli(*args): `vtr-host run ARGS` as a CompletedProcess."""
-    return lambda *args: subprocess.run([*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), "run", *args], capture_output=True,
-                                        env=host_env(), cwd="/", timeout=120)
+    """run_cli(*args, options=()): `vtr-host [OPTIONS] run ARGS` as a CompletedProcess."""
+    return lambda *args, options=(): subprocess.run([*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *options, "run", *args],
+                                                    capture_output=True, env=host_env(), cwd="/", timeout=120)
 
 
 @pytest.fixture
