@@ -259,24 +259,24 @@ void document::content(std::string_view text) {
     size_ += p.base64 ? (text.size() + 2) / 3 * 4 : escaped_size(text);
 }
 
-void document::leaf(std::string_view tag, std::string_view text, int depth) {
+void document::start(std::string_view tag, std::string_view text, int depth) {
     std::string m;
     indent(m, depth);
     append_start_tag(m, tag, !is_xml_text(text));
     markup(m);
     content(text);
-    m.clear();
+}
+
+void document::leaf(std::string_view tag, std::string_view text, int depth) {
+    start(tag, text, depth);
+    std::string m;
     append_end_tag(m, tag);
     m += '\n';
     markup(m);
 }
 
 void document::open(std::string_view tag, std::string_view text, int depth) {
-    std::string m;
-    indent(m, depth);
-    append_start_tag(m, tag, !is_xml_text(text));
-    markup(m);
-    content(text);
+    start(tag, text, depth);
     markup("\n");
 }
 

@@ -76,6 +76,8 @@ private:
         bool base64 = false;
     };
     void content(std::string_view text);
+    // The start tag at depth and the element's own text.
+    void start(std::string_view tag, std::string_view text, int depth);
     bool stage();
 
     std::vector<piece> pieces_;
