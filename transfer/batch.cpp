@@ -183,16 +183,22 @@ void *batch_thread(void *argument) noexcept {
     return nullptr;
 }
 
-// Starts a detached thread running body on job; false when it could not
-// be created (job is then still the caller's).
-bool start_detached(void *(*body)(void *), void *job) noexcept {
-    pthread_t thread;
-    if (::pthread_create(&thread, nullptr, body, job) != 0) return false;
-    ::pthread_detach(thread);
-    return true;
-}
-
 }  // namespace
+
+int32_t start_batch(plugin::unique_fd &lock, void *(*body)(void *), void *job) noexcept {
+    bool busy = false;
+    lock = lock_batch(&busy);
+    if (!lock.valid()) return busy ? +rc::busy : +rc::io;
+    // Taken before the answer: later selections start a new list.
+    (void)take_selection();
+    pthread_t thread;
+    if (::pthread_create(&thread, nullptr, body, job) != 0) {
+        return_selection(true);
+        return +rc::io;
+    }
+    ::pthread_detach(thread);
+    return +rc::ok;
+}
 
 int32_t copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request,
                                          int move) noexcept {
@@ -212,20 +218,12 @@ int32_t copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, Comm
 
     std::unique_ptr<BatchJob> job(new (std::nothrow) BatchJob);
     if (job == nullptr) return +rc::io;
-    bool busy = false;
-    job->lock = lock_batch(&busy);
-    if (!job->lock.valid()) return busy ? +rc::busy : +rc::io;
     job->operation = move == 1 ? op_move : op_copy;
     // Entries' target paths are built from the destination in a 4096-byte
     // buffer; a longer one could name no entry.
     if (!plugin::copy_text(job->destination, destination)) return +rc::bad_argument;
     plugin::copy_text(job->destination_label, label);
-    // Taken before the answer: later selections start a new list.
-    (void)take_selection();
-    if (!start_detached(batch_thread, job.get())) {
-        return_selection(true);
-        return +rc::io;
-    }
+    if (int32_t r = start_batch(job->lock, batch_thread, job.get()); r != +rc::ok) return r;
     (void)job.release();  // the thread owns it now
     return +rc::ok;
 }

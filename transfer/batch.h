@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/host_api.h"
+#include "plugin/util.h"
 
 namespace transfer {
 
@@ -13,6 +14,13 @@ namespace transfer {
 // 0 when the batch was started, 8, 60 or 4.
 int32_t copy_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request,
                                          int move) noexcept;
+
+// Starts a batch: takes the batch lock into `lock` (a member of job, so
+// the thread holds it), takes the selection and runs body(job) on a
+// detached thread, which owns job from then on. 0; 2 while another batch
+// runs; 4 when the lock or the thread cannot be had (the selection is then
+// given back and job is still the caller's).
+int32_t start_batch(plugin::unique_fd &lock, void *(*body)(void *), void *job) noexcept;
 
 // delete_user_storage_file_from_list: optional argv[1] "true" also removes
 // the companion files. 0 when the batch was started, else 4.

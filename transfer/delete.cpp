@@ -2,7 +2,6 @@
 // files the player keeps beside videos and disc folders.
 #include <dirent.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -204,21 +203,11 @@ int32_t delete_status_for(int error) noexcept {
 int32_t delete_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     std::unique_ptr<DeleteJob> job(new (std::nothrow) DeleteJob);
     if (job == nullptr) return +rc::io;
-    bool busy = false;
-    job->lock = lock_batch(&busy);
-    if (!job->lock.valid()) return busy ? +rc::busy : +rc::io;
     // The request's text dies with the request: decide now.
     job->companions = request->args->argc >= 2 && request->args->argv[1] != nullptr &&
                       std::strcmp(request->args->argv[1], "true") == 0;
-    // Taken before the answer: later selections start a new list.
-    (void)take_selection();
-    pthread_t thread;
-    if (::pthread_create(&thread, nullptr, delete_thread, job.get()) != 0) {
-        return_selection(true);
-        return +rc::io;
-    }
-    ::pthread_detach(thread);
-    (void)job.release();
+    if (int32_t r = start_batch(job->lock, delete_thread, job.get()); r != +rc::ok) return r;
+    (void)job.release();  // the thread owns it now
     return +rc::ok;
 }
 
