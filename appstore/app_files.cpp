@@ -10,7 +10,7 @@
 
 #include "appstore/app_storage.h"
 #include "appstore/layout.h"
-#include "plugin/result.h"
+#include "base/result.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 #include "storage/streams.h"
@@ -19,7 +19,7 @@ namespace appstore {
 namespace {
 
 using detail::argument;
-using plugin::rc;
+using base::rc;
 
 // A ".." component would leave the storage for a sibling storage or the
 // rest of the drive; names may still hold "/" to reach below the storage.
@@ -36,18 +36,18 @@ bool leaves_storage(const char *name) noexcept {
 
 // Checks the password, then forms R/.vtr_apps/.vtr_app_N/NAME from
 // argv[1] (name), argv[2] (drive) and argv[3] (id).
-int32_t storage_file(CommandRequest *request, plugin::path_buffer &file) noexcept {
+base::rc storage_file(CommandRequest *request, base::path_buffer &file) noexcept {
     const char *name = argument(request, 1);
     const char *drive = argument(request, 2);
     const char *id_text = argument(request, 3);
-    plugin::path_buffer identity;
-    if (int32_t r = verify_app_access(drive, id_text, argument(request, 4), identity); r != 0) return r;
-    if (name == nullptr || leaves_storage(name)) return +rc::failure;
-    plugin::path_buffer root;
+    base::path_buffer identity;
+    if (base::rc r = verify_app_access(drive, id_text, argument(request, 4), identity); r != base::rc::ok) return r;
+    if (name == nullptr || leaves_storage(name)) return rc::failure;
+    base::path_buffer root;
     int32_t kind = storage::load_and_translate(root, drive);
-    if (kind != storage::network_path && kind != storage::local_path) return +rc::failure;
-    if (!detail::storage_file_path(file, root, std::atoi(id_text), name)) return +rc::failure;
-    return +rc::ok;
+    if (kind != storage::network_path && kind != storage::local_path) return rc::failure;
+    if (!detail::storage_file_path(file, root, std::atoi(id_text), name)) return rc::failure;
+    return rc::ok;
 }
 
 struct stream_closer {
@@ -56,7 +56,7 @@ struct stream_closer {
 using unique_stream = std::unique_ptr<FILE, stream_closer>;
 
 unique_stream open_for_reading(const char *path) noexcept {
-    plugin::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    base::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return nullptr;
     FILE *stream = ::fdopen(fd.get(), "r");
     if (stream != nullptr) fd.release();
@@ -87,44 +87,44 @@ read_span span_to_read(int32_t offset, uint32_t count, long long total) noexcept
 
 }  // namespace
 
-int32_t create_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer file;
-    if (int32_t r = storage_file(request, file); r != 0) return r;
-    if (isfileexist(file)) return +rc::failure;
+base::rc create_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer file;
+    if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
+    if (isfileexist(file)) return rc::failure;
     // Exclusive, so of two requests racing for one name only one succeeds.
-    plugin::unique_fd fd(::open(file, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0700));
-    return fd.valid() ? +rc::ok : +rc::failure;
+    base::unique_fd fd(::open(file, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0700));
+    return fd.valid() ? rc::ok : rc::failure;
 }
 
-int32_t write_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer file;
-    if (int32_t r = storage_file(request, file); r != 0) return r;
-    if (!isfileexist(file)) return +rc::not_found;
+base::rc write_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer file;
+    if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
+    if (!isfileexist(file)) return rc::not_found;
     const char *content = argument(request, 6);
     const char *count_text = argument(request, 7);
-    if (content == nullptr || count_text == nullptr) return +rc::failure;
+    if (content == nullptr || count_text == nullptr) return rc::failure;
     int32_t count = std::atoi(count_text);
     std::size_t length = std::strlen(content);
     uint32_t needed = count != 0 ? static_cast<uint32_t>(count) : static_cast<uint32_t>(length);
-    if (storage::check_free_space(needed, file) != 0) return +rc::no_room;
+    if (storage::check_free_space(needed, file) != 0) return rc::no_room;
 
-    int mode = plugin::is_false_word(argument(request, 5)) ? O_TRUNC : O_APPEND;
-    plugin::unique_fd fd(::open(file, O_WRONLY | O_CREAT | mode | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (!fd.valid()) return +rc::failure;
+    int mode = base::is_false_word(argument(request, 5)) ? O_TRUNC : O_APPEND;
+    base::unique_fd fd(::open(file, O_WRONLY | O_CREAT | mode | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!fd.valid()) return rc::failure;
     // A count beyond the content sent is cut to the content: nothing past
     // the client's text is ever written.
     if (count > 0 && static_cast<std::size_t>(count) < length) length = static_cast<std::size_t>(count);
-    if (!detail::write_all(fd.get(), content, length) || !fd.close_checked()) return +rc::failure;
-    return +rc::ok;
+    if (!detail::write_all(fd.get(), content, length) || !fd.close_checked()) return rc::failure;
+    return rc::ok;
 }
 
-int32_t read_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    plugin::path_buffer file;
-    if (int32_t r = storage_file(request, file); r != 0) return r;
+base::rc read_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    base::path_buffer file;
+    if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
     std::printf("file exists? string_buf:[%s]\n", file);
-    if (!isfileexist(file)) return +rc::not_found;
+    if (!isfileexist(file)) return rc::not_found;
     unique_stream stream = open_for_reading(file);
-    if (!stream) return +rc::failure;
+    if (!stream) return rc::failure;
     const char *offset_text = argument(request, 5);
     const char *count_text = argument(request, 6);
     int32_t offset = offset_text != nullptr ? std::atoi(offset_text) : 0;
@@ -132,56 +132,56 @@ int32_t read_app_storage_file(VantorXmlNode *response_slot, CommandRequest *requ
     read_span span = span_to_read(offset, count, storage::stream_size_plus_one(stream.get()));
 
     std::size_t got = 0;
-    plugin::unique_malloc<char> buffer;
+    base::unique_malloc<char> buffer;
     if (span.length > 0) {
-        if (static_cast<unsigned long long>(span.length) >= SIZE_MAX) return +rc::failure;
+        if (static_cast<unsigned long long>(span.length) >= SIZE_MAX) return rc::failure;
         auto size = static_cast<std::size_t>(span.length);
         buffer.reset(static_cast<char *>(std::malloc(size + 1)));
-        if (!buffer) return +rc::failure;
+        if (!buffer) return rc::failure;
         if (::fseeko(stream.get(), span.start, SEEK_SET) == 0) got = std::fread(buffer.get(), 1, size, stream.get());
         buffer.get()[got] = '\0';
     }
     VantorXmlNode node = nullptr;
     VANTOR_SIMPLE_XML_new_node_binary(&node, "content", got > 0 ? buffer.get() : "", static_cast<unsigned int>(got));
     VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t get_app_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    plugin::path_buffer file;
-    if (int32_t r = storage_file(request, file); r != 0) return r;
-    if (!isfileexist(file)) return +rc::not_found;
+base::rc get_app_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    base::path_buffer file;
+    if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
+    if (!isfileexist(file)) return rc::not_found;
     const char *name = argument(request, 1);
     storage::sort_mime_table();
     char size[16];
-    (void)plugin::format_into(size, "%u", statfilesize(file));
+    (void)base::format_into(size, "%u", statfilesize(file));
     detail::append_element(response_slot, "fileSize", size);
     detail::append_element(response_slot, "mimeType", storage::mime_type_for_path(name));
     detail::append_element(response_slot, "name", name);
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t copy_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer file;
-    if (int32_t r = storage_file(request, file); r != 0) return r;
-    if (!isfileexist(file)) return +rc::not_found;
+base::rc copy_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer file;
+    if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
+    if (!isfileexist(file)) return rc::not_found;
     unsigned int size = statfilesize(file);
-    plugin::path_buffer target;
+    base::path_buffer target;
     int32_t kind = storage::load_and_translate(target, argument(request, 5));
-    if (kind != storage::network_path && kind != storage::local_path) return +rc::failure;
-    if (storage::check_free_space(size, target) != 0) return +rc::no_room;
+    if (kind != storage::network_path && kind != storage::local_path) return rc::failure;
+    if (storage::check_free_space(size, target) != 0) return rc::no_room;
     const char *argv[] = {"cp", file, target, nullptr};
-    (void)plugin::run_program(argv);  // its status does not change the answer
-    return +rc::ok;
+    (void)base::run_program(argv);  // its status does not change the answer
+    return rc::ok;
 }
 
-int32_t delete_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer file;
-    if (int32_t r = storage_file(request, file); r != 0) return r;
-    if (!isfileexist(file)) return +rc::not_found;
+base::rc delete_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer file;
+    if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
+    if (!isfileexist(file)) return rc::not_found;
     const char *argv[] = {"rm", file, nullptr};
-    (void)plugin::run_program(argv);
-    return +rc::ok;
+    (void)base::run_program(argv);
+    return rc::ok;
 }
 
 }  // namespace appstore

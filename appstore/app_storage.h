@@ -5,8 +5,11 @@
 
 #include <cstdint>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "platform/host_api.h"
-#include "plugin/util.h"
 
 namespace appstore {
 
@@ -14,22 +17,22 @@ namespace appstore {
 // identity file does not exist, 1 otherwise (missing argument, drive path
 // that cannot be translated, unreadable identity file, wrong password).
 // Leaves the identity file's path in identity_path.
-int32_t verify_app_access(const char *drive, const char *id_text, const char *password,
-                          plugin::path_buffer &identity_path) noexcept;
+base::rc verify_app_access(const char *drive, const char *id_text, const char *password,
+                          base::path_buffer &identity_path) noexcept;
 
 // Storages.
-int32_t create_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t change_app_storage_password(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t delete_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t delete_all_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc create_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc change_app_storage_password(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc delete_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc delete_all_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // Files inside a storage: argv[1] file name, argv[2] drive, argv[3] id,
 // argv[4] password.
-int32_t create_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t write_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t read_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t get_app_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t copy_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-int32_t delete_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc create_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc write_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc read_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc get_app_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc copy_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc delete_app_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 }  // namespace appstore

@@ -4,8 +4,10 @@
 
 #include <cstdint>
 
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "platform/host_api.h"
-#include "plugin/util.h"
 
 namespace appstore::detail {
 
@@ -16,20 +18,20 @@ inline const char *argument(const CommandRequest *request, int32_t index) noexce
 }
 
 // R/.vtr_apps
-inline bool storage_area_path(plugin::path_buffer &out, const char *drive) noexcept {
-    return plugin::format_into(out, "%s/.vtr_apps", drive);
+inline bool storage_area_path(base::path_buffer &out, const char *drive) noexcept {
+    return base::format_into(out, "%s/.vtr_apps", drive);
 }
 // R/.vtr_apps/.vtr_app_N/
-inline bool storage_folder_path(plugin::path_buffer &out, const char *drive, int32_t id) noexcept {
-    return plugin::format_into(out, "%s/.vtr_apps/.vtr_app_%d/", drive, id);
+inline bool storage_folder_path(base::path_buffer &out, const char *drive, int32_t id) noexcept {
+    return base::format_into(out, "%s/.vtr_apps/.vtr_app_%d/", drive, id);
 }
 // R/.vtr_apps/.vtr_app_N/.id_N
-inline bool identity_file_path(plugin::path_buffer &out, const char *drive, int32_t id) noexcept {
-    return plugin::format_into(out, "%s/.vtr_apps/.vtr_app_%d/.id_%d", drive, id, id);
+inline bool identity_file_path(base::path_buffer &out, const char *drive, int32_t id) noexcept {
+    return base::format_into(out, "%s/.vtr_apps/.vtr_app_%d/.id_%d", drive, id, id);
 }
 // R/.vtr_apps/.vtr_app_N/NAME
-inline bool storage_file_path(plugin::path_buffer &out, const char *drive, int32_t id, const char *name) noexcept {
-    return plugin::format_into(out, "%s/.vtr_apps/.vtr_app_%d/%s", drive, id, name);
+inline bool storage_file_path(base::path_buffer &out, const char *drive, int32_t id, const char *name) noexcept {
+    return base::format_into(out, "%s/.vtr_apps/.vtr_app_%d/%s", drive, id, name);
 }
 
 inline void append_element(VantorXmlNode *response_slot, const char *tag, const char *text) noexcept {

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 namespace appstore {
 namespace {
@@ -144,8 +146,8 @@ bool unscramble_app_password(std::span<char> out, const char *scrambled, int32_t
         char high = scrambled[at + 2];
         if (high == '9') break;
         char digits[16];
-        if (!plugin::format_into(digits, "%x", static_cast<unsigned>(hex_byte(high, low) + code_of(r) % 10)) ||
-            !plugin::append_text(out, digits))
+        if (!base::format_into(digits, "%x", static_cast<unsigned>(hex_byte(high, low) + code_of(r) % 10)) ||
+            !base::append_text(out, digits))
             break;
         if (scrambled[at + 3] == '\0') break;
         at += 3;
@@ -159,8 +161,8 @@ bool password_hex_text(std::span<char> out, const char *password) noexcept {
     if (password == nullptr) return false;
     for (const char *p = password; *p != '\0'; ++p) {
         char digits[16];
-        if (!plugin::format_into(digits, "%x", static_cast<unsigned>(signed_code(*p))) ||
-            !plugin::append_text(out, digits))
+        if (!base::format_into(digits, "%x", static_cast<unsigned>(signed_code(*p))) ||
+            !base::append_text(out, digits))
             return false;
     }
     return true;

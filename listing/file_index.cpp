@@ -13,21 +13,24 @@
 #include <new>
 #include <vector>
 
+#include "base/answer.h"
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/format.h"
 #include "listing/names.h"
 #include "listing/network.h"
 #include "listing/order.h"
 #include "media/disc.h"
-#include "plugin/export.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
 namespace listing {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 constexpr const char *cdrom_prefix = "/opt/vtrhttpd/localhost.drives/CDROM";
 constexpr const char *cdrom_prefix_doubled = "/opt/vtrhttpd/localhost.drives//CDROM";
@@ -63,8 +66,8 @@ bool folder_counted(const char *parent, const char *name, const char *filter_wor
     else rule = need::all;
     if (rule == need::none) return false;
     if (rule == need::all) return true;
-    plugin::path_buffer path;
-    if (!plugin::format_into(path, "%s/%s", parent, name)) return false;
+    base::path_buffer path;
+    if (!base::format_into(path, "%s/%s", parent, name)) return false;
     bool disc = vantor_command_server_cdtypedetection(path) != media::no_structure;
     return rule == need::disc ? disc : !disc;
 }
@@ -77,9 +80,9 @@ struct scanned {
 
 // Reads the parent folder with the keys its order needs.
 bool scan_folder(const char *parent, sort_kind kind, std::vector<scanned> &items, std::vector<char> &names) {
-    plugin::unique_fd fd(::open(parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    base::unique_fd fd(::open(parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.valid()) return false;
-    plugin::unique_dir dir(::fdopendir(fd.get()));
+    base::unique_dir dir(::fdopendir(fd.get()));
     if (!dir) return false;
     int dir_fd = fd.release();  // owned by the stream now
     while (dirent *e = ::readdir(dir.get())) {
@@ -100,10 +103,10 @@ bool scan_folder(const char *parent, sort_kind kind, std::vector<scanned> &items
         item.label_offset = SIZE_MAX;
         if (sort_needs_label(kind) && sorts_as_folder(e->d_type) && name[0] != '.' &&
             std::strcmp(name, "NETWORK_SHARE") != 0) {
-            plugin::path_buffer path;
+            base::path_buffer path;
             char label[512];
-            if (plugin::format_into(path, "%s/%s", parent, name)) drive_display_name(path, label);
-            else plugin::copy_text(label, "Unknown");
+            if (base::format_into(path, "%s/%s", parent, name)) drive_display_name(path, label);
+            else base::copy_text(label, "Unknown");
             item.label_offset = names.size();
             names.insert(names.end(), label, label + std::strlen(label) + 1);
         }
@@ -112,7 +115,7 @@ bool scan_folder(const char *parent, sort_kind kind, std::vector<scanned> &items
     return true;
 }
 
-int32_t count_local(const char *parent, const char *name, const char *filter_word, int sort_order,
+base::rc count_local(const char *parent, const char *name, const char *filter_word, int sort_order,
                     bool show_folders, bool show_files, index_count &out) {
     bool in_cdrom = std::strncmp(parent, cdrom_prefix, std::strlen(cdrom_prefix)) == 0 ||
                     std::strncmp(parent, cdrom_prefix_doubled, std::strlen(cdrom_prefix_doubled)) == 0;
@@ -121,7 +124,7 @@ int32_t count_local(const char *parent, const char *name, const char *filter_wor
     sort_kind kind = select_sort(sort_order, at_root, "local", false);
     std::vector<scanned> items;
     std::vector<char> names;
-    if (!scan_folder(parent, kind, items, names)) return +rc::io;
+    if (!scan_folder(parent, kind, items, names)) return rc::io;
     std::vector<sort_entry *> order(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         items[i].sort.name = names.data() + items[i].name_offset;
@@ -138,8 +141,8 @@ int32_t count_local(const char *parent, const char *name, const char *filter_wor
         if (entry[0] == '.') continue;
         bool folder = e->d_type == DT_DIR;
         if (!folder && in_cdrom && e->d_type == DT_UNKNOWN) {
-            plugin::path_buffer path;
-            folder = plugin::format_into(path, "%s/%s", parent, entry) && isdir(path) == 1;
+            base::path_buffer path;
+            folder = base::format_into(path, "%s/%s", parent, entry) && isdir(path) == 1;
         }
         if (folder) {
             if (at_root && std::strcmp(entry, "NETWORK_SHARE") == 0) continue;
@@ -152,7 +155,7 @@ int32_t count_local(const char *parent, const char *name, const char *filter_wor
         ++out.total;
         if (std::strcmp(entry, name) == 0) out.index = out.total;
     }
-    return +rc::ok;
+    return rc::ok;
 }
 
 // One line of the answer file as the C library's fgets gives it; false at
@@ -190,8 +193,8 @@ bool never_counted(const char *kind) noexcept {
 void add_index_answer(VantorXmlNode response, const index_count &count) noexcept {
     char text[16] = "";
     if (count.index > 0) std::snprintf(text, sizeof text, "%d", count.index);
-    add_element(response, "index", text);
-    add_number(response, "total", count.total);
+    base::add_element(response, "index", text);
+    base::add_number(response, "total", count.total);
 }
 
 }  // namespace
@@ -203,12 +206,12 @@ int index_sort_order(const char *word) noexcept {
     return 0;
 }
 
-int32_t count_local_index(const char *parent, const char *name, const char *filter_word, int sort_order,
+base::rc count_local_index(const char *parent, const char *name, const char *filter_word, int sort_order,
                           bool show_folders, bool show_files, index_count &out) noexcept {
     FILEOP_GUARD_BEGIN
     return count_local(parent, name, filter_word != nullptr ? filter_word : "", sort_order, show_folders,
                        show_files, out);
-    FILEOP_GUARD_END(+rc::io)
+    FILEOP_GUARD_END(rc::io)
 }
 
 void count_network_answer(const char *answer_file, const char *name, const char *filter_word, bool show_folders,
@@ -247,51 +250,51 @@ void count_network_answer(const char *answer_file, const char *name, const char 
     }
 }
 
-int32_t get_user_storage_file_index(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr || request->args->argc < 6) return +rc::failure;
+base::rc get_user_storage_file_index(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr || request->args->argc < 6) return rc::failure;
     char **argv = request->args->argv;
     // The existence test uses the translated path...
-    plugin::path_buffer translated;
+    base::path_buffer translated;
     int32_t kind = storage::load_and_translate(translated, argv[1]);
     struct stat st;
     if ((kind != storage::network_path && kind != storage::local_path) || ::stat(translated, &st) != 0)
-        return +rc::bad_path;
+        return rc::bad_path;
     // ...while the split and the count use the entry as the client gave it.
-    plugin::path_buffer given;
-    if (!storage::load_path(given, argv[1])) return +rc::bad_path;
+    base::path_buffer given;
+    if (!storage::load_path(given, argv[1])) return rc::bad_path;
     std::size_t length = std::strlen(given);
     while (length > 0 && given[length - 1] == '/') given[--length] = '\0';
     char *slash = std::strrchr(given, '/');
-    if (slash == nullptr) return +rc::bad_path;
+    if (slash == nullptr) return rc::bad_path;
     *slash = '\0';
     const char *parent = given;
     const char *name = slash + 1;
 
     const char *filter_word = argv[2] != nullptr ? argv[2] : "";
     int sort_order = index_sort_order(argv[3]);
-    bool show_folders = !plugin::is_false_word(argv[4]);
-    bool show_files = !plugin::is_false_word(argv[5]);
+    bool show_folders = !base::is_false_word(argv[4]);
+    bool show_files = !base::is_false_word(argv[5]);
     VantorXmlNode response = response_slot != nullptr ? *response_slot : nullptr;
     index_count count;
 
-    if (!plugin::is_network_address(parent)) {
-        int32_t r = count_local_index(parent, name, filter_word, sort_order, show_folders, show_files, count);
-        if (r != +rc::ok) return r;
+    if (!base::is_network_address(parent)) {
+        base::rc r = count_local_index(parent, name, filter_word, sort_order, show_folders, show_files, count);
+        if (r != rc::ok) return r;
         add_index_answer(response, count);
-        return +rc::ok;
+        return rc::ok;
     }
 
     char line[512];
-    if (!plugin::format_into(line, "cmd=4&outfile=%s&listtype=%d&filter=%d&sort=%d", netfs_answer_file,
+    if (!base::format_into(line, "cmd=4&outfile=%s&listtype=%d&filter=%d&sort=%d", netfs_answer_file,
                              static_cast<int>(netfs_list_type(show_folders, show_files)),
                              network_filter_code(filter_word), sort_order))
-        return +rc::bad_argument;
+        return rc::bad_argument;
     netfs_answer_lock answer_held;  // from the client's start to the end of the reading
     int status = run_netfs_client(line, parent);
-    if (status != 0) return vtr_network_error_handler(status);
+    if (status != 0) return base::from_host(vtr_network_error_handler(status));
     count_network_answer(netfs_answer_file, name, filter_word, show_folders, show_files, count);
     add_index_answer(response, count);
-    return +rc::ok;
+    return rc::ok;
 }
 
 }  // namespace listing

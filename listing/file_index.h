@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "base/result.h"
 #include "platform/host_api.h"
 
 namespace listing {
@@ -13,7 +14,7 @@ namespace listing {
 // under the drives root or an "smb://" / "nfs://" URL), [2] media filter
 // word, [3] sort word, [4] folders shown, [5] files shown. Answers "index"
 // (1-based, empty when the entry is not counted) and "total".
-int32_t get_user_storage_file_index(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc get_user_storage_file_index(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // Sort order code of a sort word: "name_dsc" 1, "size_asc" 2, "size_dsc" 3,
 // "date_asc" 4, "date_dsc" 5 (any case), anything else 0.
@@ -27,7 +28,7 @@ struct index_count {
 // The local count over the folder `parent` (as given: a relative parent is
 // read relative to the working directory). 0, or 4 when the folder cannot
 // be read.
-int32_t count_local_index(const char *parent, const char *name, const char *filter_word, int sort_order,
+base::rc count_local_index(const char *parent, const char *name, const char *filter_word, int sort_order,
                           bool show_folders, bool show_files, index_count &out) noexcept;
 
 // The count over a network client answer file (records of a field line and

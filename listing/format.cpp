@@ -10,7 +10,9 @@
 #include <memory>
 #include <new>
 
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 namespace listing {
 namespace {
@@ -75,7 +77,7 @@ void append_cache_record(const listing_key &key, int32_t available_files, int32_
 
     std::size_t total = sizeof header + entries.size_bytes();
     std::unique_ptr<unsigned char[]> record(new (std::nothrow) unsigned char[total]);
-    plugin::unique_fd fd(::open(file, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    base::unique_fd fd(::open(file, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) return;
     if (record != nullptr) {
         std::memcpy(record.get(), &header, sizeof header);
@@ -87,30 +89,6 @@ void append_cache_record(const listing_key &key, int32_t available_files, int32_
             write_all(fd.get(), reinterpret_cast<const unsigned char *>(entries.data()), entries.size_bytes());
     }
     if (!fd.close_checked()) std::perror("usr_file_list");
-}
-
-VantorXmlNode new_element(const char *tag, const char *text) noexcept {
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&node, tag, text != nullptr ? text : "");
-    return node;
-}
-
-VantorXmlNode add_element(VantorXmlNode parent, const char *tag, const char *text) noexcept {
-    VantorXmlNode node = new_element(tag, text);
-    VANTOR_SIMPLE_XML_add_child_node(parent, node);
-    return node;
-}
-
-VantorXmlNode add_number(VantorXmlNode parent, const char *tag, long long value) noexcept {
-    char text[24];
-    std::snprintf(text, sizeof text, "%lld", value);
-    return add_element(parent, tag, text);
-}
-
-VantorXmlNode add_unsigned(VantorXmlNode parent, const char *tag, unsigned long long value) noexcept {
-    char text[24];
-    std::snprintf(text, sizeof text, "%llu", value);
-    return add_element(parent, tag, text);
 }
 
 void format_date(time_t t, bool keep_line_feed, std::span<char, 32> out) noexcept {

@@ -79,15 +79,6 @@ void append_cache_record(const listing_key &key, int32_t available_files, int32_
                          const char *convert_path, std::span<const cache_entry> entries,
                          const char *file = cache_file) noexcept;
 
-// ---- answer vocabulary ---------------------------------------------------
-
-// New element with text (copied), not yet appended.
-VantorXmlNode new_element(const char *tag, const char *text) noexcept;
-// New element appended as the last child of parent; returns it.
-VantorXmlNode add_element(VantorXmlNode parent, const char *tag, const char *text) noexcept;
-VantorXmlNode add_number(VantorXmlNode parent, const char *tag, long long value) noexcept;
-VantorXmlNode add_unsigned(VantorXmlNode parent, const char *tag, unsigned long long value) noexcept;
-
 // asctime form of the local time of t (weekday, month, day, time, year),
 // with or without its final line feed; "" when it cannot be formed.
 void format_date(time_t t, bool keep_line_feed, std::span<char, 32> out) noexcept;

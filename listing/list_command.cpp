@@ -9,11 +9,14 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/answer.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/network.h"
 #include "listing/order.h"
 #include "listing/share_list.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/paths.h"
 
 namespace listing {
@@ -45,36 +48,36 @@ std::string_view slot_text(const char (&slot)[N]) noexcept {
 void answer_from_cache(VantorXmlNode response, int fd, const cache_header &header, const listing_key &key,
                        bool with_details) noexcept {
     if (header.entry_count <= 0) return;  // an empty page answers nothing
-    VantorXmlNode file_list = add_element(response, "fileList", "");
+    VantorXmlNode file_list = base::add_element(response, "fileList", "");
     for (int32_t i = 0; i < header.entry_count; ++i) {
         cache_entry e;
         if (!read_record(fd, &e, sizeof e)) break;
         char name[sizeof e.name + 1] = {};
         char path[sizeof e.path + 1] = {};
         char type_word[sizeof e.type_word + 1] = {};
-        plugin::copy_text(name, slot_text(e.name));
-        plugin::copy_text(path, slot_text(e.path));
-        plugin::copy_text(type_word, slot_text(e.type_word));
-        VantorXmlNode file = new_element("file", "");
-        add_element(file, "name", name);
-        add_element(file, "path", path);
-        if (e.is_folder == 0) add_element(file, "type", type_word);
+        base::copy_text(name, slot_text(e.name));
+        base::copy_text(path, slot_text(e.path));
+        base::copy_text(type_word, slot_text(e.type_word));
+        VantorXmlNode file = base::new_element("file", "");
+        base::add_element(file, "name", name);
+        base::add_element(file, "path", path);
+        if (e.is_folder == 0) base::add_element(file, "type", type_word);
         if (with_details) {
             char date[32];
             format_date(static_cast<time_t>(e.mtime), true, date);
-            add_element(file, "modifyDate", date);
-            add_element(file, "lastAccessDate", "");
-            add_unsigned(file, "size", e.size);
+            base::add_element(file, "modifyDate", date);
+            base::add_element(file, "lastAccessDate", "");
+            base::add_unsigned(file, "size", e.size);
         }
-        add_element(file, "isFolder", e.is_folder != 0 ? "yes" : "no");
+        base::add_element(file, "isFolder", e.is_folder != 0 ? "yes" : "no");
         VANTOR_SIMPLE_XML_add_child_node(file_list, file);
     }
-    add_number(response, "totalFile", header.entry_count);
-    if (key.want_folders != 0) add_number(response, "availableFolder", header.available_folders);
-    if (key.want_files != 0) add_number(response, "availableFile", header.available_files);
+    base::add_number(response, "totalFile", header.entry_count);
+    if (key.want_folders != 0) base::add_number(response, "availableFolder", header.available_folders);
+    if (key.want_files != 0) base::add_number(response, "availableFile", header.available_files);
     char convert[sizeof header.convert_path + 1] = {};
-    plugin::copy_text(convert, slot_text(header.convert_path));
-    add_element(response, "convertPath", convert);
+    base::copy_text(convert, slot_text(header.convert_path));
+    base::add_element(response, "convertPath", convert);
 }
 
 bool same_page(const listing_key &a, const listing_key &b) noexcept {
@@ -90,13 +93,13 @@ const char *arg(CommandArgs *args, int i) noexcept { return i < args->argc ? arg
 int sort_order_of(const char *text) noexcept {
     if (text == nullptr) return 0;
     for (std::size_t i = 0; i < sort_keys.size(); ++i)
-        if (plugin::iequals(text, sort_keys[i])) return static_cast<int>(i);
+        if (base::iequals(text, sort_keys[i])) return static_cast<int>(i);
     return 0;
 }
 
 int cache_lookup(VantorXmlNode *response_slot, const listing_key &key, const char *request_path, bool with_details,
                  const char *file) noexcept {
-    plugin::unique_fd fd(::open(file, O_RDONLY | O_CLOEXEC));
+    base::unique_fd fd(::open(file, O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return cache_store;
     std::string_view request(request_path);
     int result = cache_skip;
@@ -126,29 +129,29 @@ int cache_lookup(VantorXmlNode *response_slot, const listing_key &key, const cha
     return result;
 }
 
-int32_t list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return +plugin::rc::failure;
+base::rc list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return base::rc::failure;
     CommandArgs *args = request->args;
     int64_t offset = 0;
     int64_t range = 0;
     if (const char *a = arg(args, 2)) offset = std::atoll(a);
     if (const char *a = arg(args, 3)) range = std::atoll(a);
     if (offset == 0 && range == 0) range = whole_folder_range;
-    bool want_folders = !plugin::is_false_word(arg(args, 4));
-    bool want_files = !plugin::is_false_word(arg(args, 5));
-    bool with_details = !plugin::is_false_word(arg(args, 6));
+    bool want_folders = !base::is_false_word(arg(args, 4));
+    bool want_files = !base::is_false_word(arg(args, 5));
+    bool with_details = !base::is_false_word(arg(args, 6));
     const char *filter_word = arg(args, 7) != nullptr ? arg(args, 7) : "";
     int sort_order = 0;
     bool use_cache = false;
     bool extra_flag = false;
     if (args->argc >= 10) {
         sort_order = sort_order_of(arg(args, 8));
-        use_cache = plugin::is_true_word(arg(args, 9));
-        if (args->argc == 11) extra_flag = plugin::is_true_word(arg(args, 10));
+        use_cache = base::is_true_word(arg(args, 9));
+        if (args->argc == 11) extra_flag = base::is_true_word(arg(args, 10));
     }
 
-    plugin::path_buffer path;
-    if (!storage::load_path(path, arg(args, 1) != nullptr ? arg(args, 1) : "")) return +plugin::rc::bad_path;
+    base::path_buffer path;
+    if (!storage::load_path(path, arg(args, 1) != nullptr ? arg(args, 1) : "")) return base::rc::bad_path;
     std::size_t length = std::strlen(path);
     if (length > 0 && path[length - 1] == '/') path[--length] = '\0';
 
@@ -158,40 +161,48 @@ int32_t list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *req
     // written to the cache: its cut key could name another folder.
     if (use_cache && length > 0 && length < sizeof key.path) {
         state = cache_lookup(response_slot, key, path, with_details);
-        if (state == cache_answered) return +plugin::rc::ok;
+        if (state == cache_answered) return base::rc::ok;
     }
     bool caching = state == cache_store;
 
-    if (!plugin::is_network_address(path)) {
-        plugin::path_buffer full;
-        bool fits = plugin::starts_with(path, storage::drives_root)
-                        ? plugin::copy_text(full, path)
-                        : plugin::format_into(full, "%.*s%s%s", static_cast<int>(storage::drives_root.size()),
+    if (!base::is_network_address(path)) {
+        base::path_buffer full;
+        bool fits = base::starts_with(path, storage::drives_root)
+                        ? base::copy_text(full, path)
+                        : base::format_into(full, "%.*s%s%s", static_cast<int>(storage::drives_root.size()),
                                               storage::drives_root.data(), length > 0 ? "/" : "", path);
-        if (!fits || !storage::path_allowed(full)) return +plugin::rc::bad_path;
-        int32_t r = file_operation_share_list_file(response_slot, full, static_cast<uint64_t>(offset),
-                                                   static_cast<uint64_t>(range), want_folders, want_files,
-                                                   with_details, filter_word, length == 0, sort_order, nullptr,
-                                                   caching, &key, extra_flag);
-        if (r == 0) return +plugin::rc::ok;
-        return r == 1 ? +plugin::rc::bad_path : +plugin::rc::io;
+        if (!fits || !storage::path_allowed(full)) return base::rc::bad_path;
+        share_list_request page;
+        page.dir = full;
+        page.start = static_cast<uint64_t>(offset);
+        page.count = static_cast<uint64_t>(range);
+        page.show_folders = want_folders;
+        page.show_files = want_files;
+        page.show_details = with_details;
+        page.type_filter = filter_word;
+        page.top_level = length == 0;
+        page.sort_order = sort_order;
+        page.cache_key = caching ? &key : nullptr;
+        page.want_pvx = extra_flag;
+        base::rc r = share_list(base::response_of(response_slot), page);
+        return r == base::rc::failure ? base::rc::bad_path : r;
     }
 
     char line[512];
     if (!format_list_request(line, offset, range, netfs_list_type(want_folders, want_files),
                              network_filter_code(filter_word), sort_order))
-        return +plugin::rc::bad_argument;
+        return base::rc::bad_argument;
     netfs_answer_lock lock;
     int status = run_netfs_client(line, path);
-    if (status != 0) return vtr_network_error_handler(status);
+    if (status != 0) return base::from_host(vtr_network_error_handler(status));
     network_listing listing;
     listing.want_folders = want_folders;
     listing.want_files = want_files;
     listing.with_details = with_details;
     listing.filter_word = filter_word;
     listing.cache_key = caching ? &key : nullptr;
-    if (list_network_folder(response_slot, path, listing) != 0) return +plugin::rc::io;
-    return +plugin::rc::ok;
+    if (list_network_folder(response_slot, path, listing) != base::rc::ok) return base::rc::io;
+    return base::rc::ok;
 }
 
 }  // namespace listing

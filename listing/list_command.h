@@ -4,12 +4,13 @@
 
 #include <cstdint>
 
+#include "base/result.h"
 #include "listing/format.h"
 #include "platform/host_api.h"
 
 namespace listing {
 
-int32_t list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // sortOrder of a sort key text ("name_asc" 0 ... "date_dsc" 5, any case);
 // 0 for anything else.

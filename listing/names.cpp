@@ -8,20 +8,22 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "platform/host_api.h"
-#include "plugin/util.h"
 
 namespace listing {
 namespace {
 
 constexpr std::size_t label_answer_max = 256;  // what the lookup ever returned
 
-void write_unknown(std::span<char> out) noexcept { plugin::copy_text(out, "Unknown"); }
+void write_unknown(std::span<char> out) noexcept { base::copy_text(out, "Unknown"); }
 
 // The first line of the drive name list that holds `key`, searched literally.
 // Reads the whole file once (it is a few lines long).
 bool find_label(std::string_view key, std::span<char> out) noexcept {
-    plugin::unique_fd fd(::open("/tmp/usb_name.txt", O_RDONLY | O_CLOEXEC));
+    base::unique_fd fd(::open("/tmp/usb_name.txt", O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return false;
     char chunk[4096];
     char line[4096];
@@ -47,7 +49,7 @@ bool find_label(std::string_view key, std::span<char> out) noexcept {
             std::string_view field = text.substr(first + 1);
             field = field.substr(0, field.find('|'));
             if (field.size() > label_answer_max) field = field.substr(0, label_answer_max);
-            plugin::copy_text(out, field);
+            base::copy_text(out, field);
             return true;
         }
         if (at_end) return false;
@@ -56,10 +58,10 @@ bool find_label(std::string_view key, std::span<char> out) noexcept {
 
 }  // namespace
 
-plugin::unique_malloc<char> netfs_variable(const char *stem, int n) noexcept {
+base::unique_malloc<char> netfs_variable(const char *stem, int n) noexcept {
     char name[32];
-    if (!plugin::format_into(name, "%s%d", stem, n)) return nullptr;
-    return plugin::unique_malloc<char>(get_var_mem(name));
+    if (!base::format_into(name, "%s%d", stem, n)) return nullptr;
+    return base::unique_malloc<char>(get_var_mem(name));
 }
 
 void share_display_name(const char *url, std::span<char> out) noexcept {
@@ -76,14 +78,14 @@ void share_display_name(const char *url, std::span<char> out) noexcept {
     std::string_view share = share_end == nullptr ? std::string_view(url)
                                                   : std::string_view(url, static_cast<std::size_t>(share_end - url));
     for (int n = 0; n < netfs_pairs; ++n) {
-        plugin::unique_malloc<char> configured = netfs_variable("netfs_url", n);
+        base::unique_malloc<char> configured = netfs_variable("netfs_url", n);
         if (configured == nullptr || share != configured.get()) continue;
-        plugin::unique_malloc<char> label = netfs_variable("netfs_name", n);
+        base::unique_malloc<char> label = netfs_variable("netfs_name", n);
         if (label == nullptr) {
             // the variable vanished between the two reads: nothing to copy
             write_unknown(out);
         } else {
-            plugin::copy_text(out, label.get());
+            base::copy_text(out, label.get());
         }
         return;
     }
@@ -100,7 +102,7 @@ void drive_display_name(const char *path, std::span<char> out) noexcept {
     if (rest.substr(0, root_and_slash.size()) == root_and_slash) rest.remove_prefix(root_and_slash.size());
     std::string_view drive = rest.substr(0, rest.find('/'));
     char key[4096 + 2];
-    if (!plugin::format_into(key, "%.*s|", static_cast<int>(drive.size()), drive.data()) ||
+    if (!base::format_into(key, "%.*s|", static_cast<int>(drive.size()), drive.data()) ||
         !find_label(key, out))
         write_unknown(out);
 }

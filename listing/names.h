@@ -3,7 +3,9 @@
 
 #include <span>
 
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 namespace listing {
 
@@ -12,7 +14,7 @@ namespace listing {
 inline constexpr int netfs_pairs = 21;
 
 // The value of the configuration variable "<stem><n>", or null when unset.
-plugin::unique_malloc<char> netfs_variable(const char *stem, int n) noexcept;
+base::unique_malloc<char> netfs_variable(const char *stem, int n) noexcept;
 
 // The configured name of the network share holding url ("netfs_url<N>" /
 // "netfs_name<N>", N 0..20), or "Unknown".

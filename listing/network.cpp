@@ -11,9 +11,10 @@
 #include <ctime>
 #include <string_view>
 
+#include "base/answer.h"
+#include "base/export.h"
 #include "listing/names.h"
 #include "listing/order.h"
-#include "plugin/export.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
@@ -76,9 +77,9 @@ void split_fields(const char *line, field_line &out) noexcept {
         std::string_view f = rest.substr(0, bar);
         if (out.count < max_fields - 1) {
             if (f.size() > field_cut) f = f.substr(0, field_cut);
-            plugin::copy_text(out.cut[static_cast<std::size_t>(out.count)], f);
+            base::copy_text(out.cut[static_cast<std::size_t>(out.count)], f);
         } else {
-            plugin::copy_text(out.last, f);
+            base::copy_text(out.last, f);
         }
         ++out.count;
         if (bar == std::string_view::npos) break;
@@ -120,7 +121,7 @@ bool entry_is_listed(const char *code, const char *url, const network_listing &r
 
 // The local mount path of a network address (kind 1 of the path
 // translation) with its trailing "/" removed; false for anything else.
-bool mount_path_of(const char *url, plugin::path_buffer &out) noexcept {
+bool mount_path_of(const char *url, base::path_buffer &out) noexcept {
     if (!storage::load_path(out, url) || storage::translate_storage_path(out) != storage::network_path) return false;
     std::size_t n = std::strlen(out);
     while (n > 0 && out[n - 1] == '/') out[--n] = '\0';
@@ -138,29 +139,29 @@ netfs_answer_lock::netfs_answer_lock() noexcept
 
 bool format_list_request(char (&line)[512], int64_t offset, int64_t range, int32_t list_type, int filter_code,
                          int sort_order) noexcept {
-    return plugin::format_into(line, "cmd=4&outfile=%s&offset=%lld&range=%lld&listtype=%d&filter=%d&sort=%d",
+    return base::format_into(line, "cmd=4&outfile=%s&offset=%lld&range=%lld&listtype=%d&filter=%d&sort=%d",
                                netfs_answer_file, static_cast<long long>(offset), static_cast<long long>(range),
                                static_cast<int>(list_type), filter_code, sort_order);
 }
 
 int run_netfs_client(const char *request_line, const char *url) noexcept {
     const char *argv[] = {"netfs_client", request_line, url, nullptr};
-    plugin::spawn_options options;
+    base::spawn_options options;
     options.search_path = false;
-    int status = plugin::run_program(argv, options, netfs_client_program);
-    return plugin::exit_code_of(status);
+    int status = base::run_program(argv, options, netfs_client_program);
+    return base::exit_code_of(status);
 }
 
-int32_t list_network_folder(VantorXmlNode *response_slot, const char *url, const network_listing &request,
+base::rc list_network_folder(VantorXmlNode *response_slot, const char *url, const network_listing &request,
                             const char *answer_file) noexcept {
     FILE *in = std::fopen(answer_file, "re");
-    if (in == nullptr) return -1;
+    if (in == nullptr) return base::rc::io;
     std::unique_ptr<FILE, int (*)(FILE *)> closer(in, &std::fclose);
     storage::sort_mime_table();
     VantorXmlNode response = response_slot != nullptr ? *response_slot : nullptr;
     const char *mime_prefix = mime_prefix_for_filter(request.filter_word);
 
-    VantorXmlNode file_list = add_element(response, "fileList", "");
+    VantorXmlNode file_list = base::add_element(response, "fileList", "");
     int32_t count = 0;
     int32_t summary_files = 0;
     int32_t summary_folders = 0;
@@ -182,8 +183,8 @@ int32_t list_network_folder(VantorXmlNode *response_slot, const char *url, const
         const char *code = fields->field(3);
 
         if (code == summary_code) {
-            if (request.want_folders) add_element(response, "availableFolder", fields->field(1));
-            if (request.want_files) add_element(response, "availableFile", fields->field(0));
+            if (request.want_folders) base::add_element(response, "availableFolder", fields->field(1));
+            if (request.want_files) base::add_element(response, "availableFile", fields->field(0));
             summary_files = std::atoi(fields->field(0));
             summary_folders = std::atoi(fields->field(1));
             continue;
@@ -191,18 +192,18 @@ int32_t list_network_folder(VantorXmlNode *response_slot, const char *url, const
         if (!entry_is_listed(code, address, request, mime_prefix)) continue;
 
         ++count;
-        VantorXmlNode file = new_element("file", "");
+        VantorXmlNode file = base::new_element("file", "");
         if (request.with_details) {
-            add_element(file, "size", fields->field(1));
-            add_element(file, "modifyDate", fields->field(2));
+            base::add_element(file, "size", fields->field(1));
+            base::add_element(file, "modifyDate", fields->field(2));
         }
         const type_code *row = find_type_code(code);
         if (row != nullptr) {
-            add_element(file, "isFolder", row->is_folder);
-            if (row->type_word != nullptr) add_element(file, "type", row->type_word);
+            base::add_element(file, "isFolder", row->is_folder);
+            if (row->type_word != nullptr) base::add_element(file, "type", row->type_word);
         }
-        add_element(file, "name", fields->field(0));
-        add_element(file, "path", address);
+        base::add_element(file, "name", fields->field(0));
+        base::add_element(file, "path", address);
         VANTOR_SIMPLE_XML_add_child_node(file_list, file);
         VANTOR_SIMPLE_XML_add_child_node(response, file_list);  // moves "fileList" behind the counts
 
@@ -216,14 +217,14 @@ int32_t list_network_folder(VantorXmlNode *response_slot, const char *url, const
     }
     closer.reset();
 
-    add_number(response, "totalFile", count);
-    plugin::path_buffer convert;
+    base::add_number(response, "totalFile", count);
+    base::path_buffer convert;
     if (!mount_path_of(url, convert)) convert[0] = '\0';
-    add_element(response, "convertPath", convert);
+    base::add_element(response, "convertPath", convert);
 
     if (request.cache_key != nullptr && count > 0)
         append_cache_record(*request.cache_key, summary_files, summary_folders, convert, page);
-    return 0;
+    return base::rc::ok;
 }
 
 int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool check_library) noexcept {
@@ -231,56 +232,56 @@ int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool chec
     int32_t count = 0;
     const char *device = "";  // a URL of neither scheme repeats the previous share's value
     for (int n = 0; n < netfs_pairs; ++n) {
-        plugin::unique_malloc<char> name = netfs_variable("netfs_name", n);
-        plugin::unique_malloc<char> url = netfs_variable("netfs_url", n);
+        base::unique_malloc<char> name = netfs_variable("netfs_name", n);
+        base::unique_malloc<char> url = netfs_variable("netfs_url", n);
         if (name == nullptr || url == nullptr) continue;
 
-        VantorXmlNode file = new_element("file", "");
-        add_element(file, "name", name.get());
-        add_element(file, "path", url.get());
+        VantorXmlNode file = base::new_element("file", "");
+        base::add_element(file, "name", name.get());
+        base::add_element(file, "path", url.get());
         if (with_details) {
-            add_element(file, "modifyDate", "");
-            add_element(file, "lastAccessDate", "");
-            add_element(file, "size", "");
-            if (plugin::starts_with(url.get(), "smb://"))
+            base::add_element(file, "modifyDate", "");
+            base::add_element(file, "lastAccessDate", "");
+            base::add_element(file, "size", "");
+            if (base::starts_with(url.get(), "smb://"))
                 device = "samba";
-            else if (plugin::starts_with(url.get(), "nfs://"))
+            else if (base::starts_with(url.get(), "nfs://"))
                 device = "nfs";
-            add_element(file, "device_type", device);
+            base::add_element(file, "device_type", device);
         }
         if (check_library) {
-            plugin::path_buffer mount;
-            bool library = mount_path_of(url.get(), mount) && plugin::append_text(mount, "/pvx_database/media.db") &&
+            base::path_buffer mount;
+            bool library = mount_path_of(url.get(), mount) && base::append_text(mount, "/pvx_database/media.db") &&
                            isfileexist(mount) != 0;
-            add_element(file, "pvx", library ? "true" : "false");
+            base::add_element(file, "pvx", library ? "true" : "false");
         }
-        add_element(file, "isFolder", "yes");
+        base::add_element(file, "isFolder", "yes");
         VANTOR_SIMPLE_XML_add_child_node(parent, file);
         ++count;
     }
     return count;
 }
 
-bool local_path_to_share_url(const char *local_path, char (&out)[plugin::path_max]) noexcept {
+bool local_path_to_share_url(const char *local_path, char (&out)[base::path_max]) noexcept {
     // Only the share whose display name is the folder below NETWORK_SHARE is
     // asked for its mount path: asking for every configured share could
     // make the network library mount them all.
     constexpr std::string_view mounts = "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/";
-    if (local_path == nullptr || !plugin::starts_with(local_path, mounts)) return false;
+    if (local_path == nullptr || !base::starts_with(local_path, mounts)) return false;
     std::string_view folder(local_path + mounts.size());
     folder = folder.substr(0, folder.find('/'));
     for (int n = 0; n < netfs_pairs; ++n) {
-        plugin::unique_malloc<char> name = netfs_variable("netfs_name", n);
+        base::unique_malloc<char> name = netfs_variable("netfs_name", n);
         if (name == nullptr || folder != name.get()) continue;
-        plugin::unique_malloc<char> url = netfs_variable("netfs_url", n);
+        base::unique_malloc<char> url = netfs_variable("netfs_url", n);
         if (url == nullptr) continue;
-        plugin::path_buffer mount;
+        base::path_buffer mount;
         if (!mount_path_of(url.get(), mount) || mount[0] == '\0') continue;
         std::size_t m = std::strlen(mount);
         if (std::strncmp(local_path, mount, m) != 0 || (local_path[m] != '/' && local_path[m] != '\0')) continue;
         std::string_view share(url.get());
         while (!share.empty() && share.back() == '/') share.remove_suffix(1);
-        return plugin::format_into(out, "%.*s%s", static_cast<int>(share.size()), share.data(), local_path + m);
+        return base::format_into(out, "%.*s%s", static_cast<int>(share.size()), share.data(), local_path + m);
     }
     return false;
 }

@@ -4,9 +4,12 @@
 
 #include <cstdint>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/format.h"
 #include "platform/host_api.h"
-#include "plugin/util.h"
 
 // listtype of a client request, indexed by wantFiles + 2 * wantFolders:
 // 1 folders and files (and neither), 2 files only, 3 folders only.
@@ -32,7 +35,7 @@ public:
     netfs_answer_lock &operator=(const netfs_answer_lock &) = delete;
 
 private:
-    plugin::unique_fd fd_;
+    base::unique_fd fd_;
 };
 
 // Request line of the list command:
@@ -58,7 +61,7 @@ struct network_listing {
 // response: "fileList" (re-appended after every entry), the summary counts,
 // "totalFile" and "convertPath". 0 on success, -1 when the file cannot be
 // opened (nothing appended).
-int32_t list_network_folder(VantorXmlNode *response_slot, const char *url, const network_listing &request,
+base::rc list_network_folder(VantorXmlNode *response_slot, const char *url, const network_listing &request,
                             const char *answer_file = netfs_answer_file) noexcept;
 
 // Appends a "file" per configured share ("netfs_name<N>"/"netfs_url<N>",
@@ -69,6 +72,6 @@ int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool chec
 // The URL of the configured share mounted at the local path's folder below
 // NETWORK_SHARE (the share of that display name, if its mount holds the
 // path), with the rest of the path behind it; false otherwise.
-bool local_path_to_share_url(const char *local_path, char (&out)[plugin::path_max]) noexcept;
+bool local_path_to_share_url(const char *local_path, char (&out)[base::path_max]) noexcept;
 
 }  // namespace listing

@@ -8,8 +8,10 @@
 #include <new>
 #include <string_view>
 
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "media/disc.h"
-#include "plugin/util.h"
 #include "storage/mime.h"
 
 namespace listing {
@@ -230,7 +232,7 @@ void sort_entries(std::span<sort_entry *> entries, sort_kind kind) noexcept {
 
 bool keyword_matches(const char *name, const char *keyword) noexcept {
     if (name == nullptr || keyword == nullptr) return false;
-    return plugin::icontains(name, keyword);
+    return base::icontains(name, keyword);
 }
 
 bool is_system_folder(const char *name) noexcept {

@@ -11,19 +11,22 @@
 #include <ctime>
 #include <string_view>
 
+#include "base/answer.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/format.h"
 #include "listing/network.h"
 #include "listing/order.h"
 #include "listing/share_list.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
 namespace listing {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 constexpr int max_open_folders = 20;
 constexpr uint64_t default_range = 99999;
@@ -31,24 +34,24 @@ constexpr uint64_t default_range = 99999;
 // One match written into the page: name, path, the file or folder form, and
 // with details the size and both dates.
 void write_match(walk_context &ctx, walk_entry &entry, const char *type_word) noexcept {
-    VantorXmlNode file = add_element(ctx.file_list, "file", "");
-    add_element(file, "name", entry.path + entry.base);
-    add_element(file, "path", entry.path);
+    VantorXmlNode file = base::add_element(ctx.file_list, "file", "");
+    base::add_element(file, "name", entry.path + entry.base);
+    base::add_element(file, "path", entry.path);
     if (type_word != nullptr) {
-        add_element(file, "isFolder", "no");
-        add_element(file, "type", type_word);
+        base::add_element(file, "isFolder", "no");
+        base::add_element(file, "type", type_word);
     } else {
-        add_element(file, "isFolder", "yes");
+        base::add_element(file, "isFolder", "yes");
     }
     if (!ctx.with_details) return;
     const struct stat *st = walk_status(entry);
     if (st == nullptr) return;  // gone since it was read
-    add_unsigned(file, "size", static_cast<unsigned long long>(st->st_size));
+    base::add_unsigned(file, "size", static_cast<unsigned long long>(st->st_size));
     char date[32];
     format_date(st->st_mtime, false, date);
-    add_element(file, "modifyDate", date);
+    base::add_element(file, "modifyDate", date);
     format_date(st->st_atime, false, date);
-    add_element(file, "lastAccessDate", date);
+    base::add_element(file, "lastAccessDate", date);
 }
 
 // A counted match: passed over while the page has not started, written while
@@ -99,7 +102,7 @@ int search_visit(walk_entry &entry, void *context) noexcept {
     return walk_continue;
 }
 
-int32_t deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
+base::rc deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
                     const walk_hooks *hooks) noexcept {
     walk_context ctx{};
     ctx.skip = request.offset;
@@ -111,24 +114,24 @@ int32_t deep_search(VantorXmlNode response, const char *full_path, const search_
     ctx.keyword = request.keyword != nullptr ? request.keyword : "";
     storage::sort_mime_table();
 
-    ctx.file_list = add_element(response, "fileList", "");
+    ctx.file_list = base::add_element(response, "fileList", "");
 
     if (walk_tree(full_path, max_open_folders, search_visit, &ctx, hooks) < 0)
-        return errno == ESTALE ? +rc::stale_handle : +rc::io;
+        return errno == ESTALE ? rc::stale_handle : rc::io;
 
-    add_number(response, "totalFile", ctx.written);
-    if (ctx.want_folders) add_number(response, "availableFolder", ctx.available_folder);
-    if (ctx.want_files) add_number(response, "availableFile", ctx.available_file);
-    plugin::path_buffer convert{};
-    if (plugin::copy_text(convert, full_path) &&
+    base::add_number(response, "totalFile", ctx.written);
+    if (ctx.want_folders) base::add_number(response, "availableFolder", ctx.available_folder);
+    if (ctx.want_files) base::add_number(response, "availableFile", ctx.available_file);
+    base::path_buffer convert{};
+    if (base::copy_text(convert, full_path) &&
         storage::translate_storage_path(convert) == storage::local_path) {
         std::size_t n = std::strlen(convert);
         while (n > 0 && convert[n - 1] == '/') convert[--n] = '\0';
     } else {
         convert[0] = '\0';
     }
-    add_element(response, "convertPath", convert);
-    return +rc::ok;
+    base::add_element(response, "convertPath", convert);
+    return rc::ok;
 }
 
 namespace {
@@ -137,35 +140,35 @@ namespace {
 // search the subfolders too.
 bool format_search_request(std::span<char> line, int64_t offset, int64_t range, int32_t list_type,
                            int filter_code, const char *keyword, bool subfolders) noexcept {
-    return plugin::format_into(line, "cmd=4&outfile=%s&offset=%lld&range=%lld&listtype=%d&filter=%d&keyword=%s%s",
+    return base::format_into(line, "cmd=4&outfile=%s&offset=%lld&range=%lld&listtype=%d&filter=%d&keyword=%s%s",
                                netfs_answer_file, static_cast<long long>(offset), static_cast<long long>(range),
                                static_cast<int>(list_type), filter_code, keyword, subfolders ? "&level=0" : "");
 }
 
-int32_t network_search(VantorXmlNode *response_slot, const char *url, int64_t offset, int64_t range,
+base::rc network_search(VantorXmlNode *response_slot, const char *url, int64_t offset, int64_t range,
                        const search_request &request, bool subfolders) noexcept {
-    char line[plugin::path_max * 2];
+    char line[base::path_max * 2];
     if (!format_search_request(line, offset, range, netfs_list_type(request.want_folders, request.want_files),
                                network_filter_code(request.filter_word), request.keyword, subfolders))
-        return +rc::bad_argument;
+        return rc::bad_argument;
     netfs_answer_lock answer_held;  // from the client's start to the end of the reading
     int status = run_netfs_client(line, url);
-    if (status != 0) return vtr_network_error_handler(status);
+    if (status != 0) return base::from_host(vtr_network_error_handler(status));
     network_listing listing;
     listing.want_folders = request.want_folders;
     listing.want_files = request.want_files;
     listing.with_details = request.with_details;
     listing.filter_word = request.filter_word;
-    return list_network_folder(response_slot, url, listing) != 0 ? +rc::io : +rc::ok;
+    return list_network_folder(response_slot, url, listing) != rc::ok ? rc::io : rc::ok;
 }
 
 }  // namespace
 
-int32_t search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr || request->args->argc < 10) return +rc::failure;
+base::rc search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr || request->args->argc < 10) return rc::failure;
     char **argv = request->args->argv;
-    plugin::path_buffer path;
-    if (!storage::load_path(path, argv[1])) return +rc::bad_path;
+    base::path_buffer path;
+    if (!storage::load_path(path, argv[1])) return rc::bad_path;
     std::size_t length = std::strlen(path);
     if (length > 0 && path[length - 1] == '/') path[--length] = '\0';  // one trailing "/"
 
@@ -175,33 +178,39 @@ int32_t search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *r
     search_request ask;
     ask.offset = static_cast<uint64_t>(offset);
     ask.range = static_cast<uint64_t>(range);
-    ask.want_folders = !plugin::is_false_word(argv[4]);
-    ask.want_files = !plugin::is_false_word(argv[5]);
-    ask.with_details = !plugin::is_false_word(argv[6]);
+    ask.want_folders = !base::is_false_word(argv[4]);
+    ask.want_files = !base::is_false_word(argv[5]);
+    ask.with_details = !base::is_false_word(argv[6]);
     ask.filter_word = argv[7] != nullptr ? argv[7] : "";
     ask.keyword = argv[8] != nullptr ? argv[8] : "";
-    bool subfolders = plugin::is_true_word(argv[9]);
+    bool subfolders = base::is_true_word(argv[9]);
 
-    if (plugin::is_network_address(path)) return network_search(response_slot, path, offset, range, ask, subfolders);
+    if (base::is_network_address(path)) return network_search(response_slot, path, offset, range, ask, subfolders);
 
-    if (path[0] == '\0') return +rc::io;
-    plugin::path_buffer full;
+    if (path[0] == '\0') return rc::io;
+    base::path_buffer full;
     if (std::strncmp(path, storage::drives_root.data(), storage::drives_root.size()) == 0) {
         std::memcpy(full, path, length + 1);
-    } else if (!plugin::format_into(full, "/opt/vtrhttpd/localhost.drives/%s", path)) {
-        return +rc::bad_path;
+    } else if (!base::format_into(full, "%.*s/%s", static_cast<int>(storage::drives_root.size()),
+                                  storage::drives_root.data(), path)) {
+        return rc::bad_path;
     }
-    if (!storage::path_allowed(full)) return +rc::bad_path;  // the confinement switch
+    if (!storage::path_allowed(full)) return rc::bad_path;  // the confinement switch
     if (!subfolders) {
-        int32_t listed = file_operation_share_list_file(response_slot, full, ask.offset, ask.range, ask.want_folders,
-                                                        ask.want_files, ask.with_details, ask.filter_word, 0, 0,
-                                                        ask.keyword, 0, nullptr, 0);
-        return listed != 0 ? +rc::io : +rc::ok;
+        share_list_request page;
+        page.dir = full;
+        page.start = ask.offset;
+        page.count = ask.range;
+        page.show_folders = ask.want_folders;
+        page.show_files = ask.want_files;
+        page.show_details = ask.with_details;
+        page.type_filter = ask.filter_word;
+        page.search_text = ask.keyword;
+        return share_list(base::response_of(response_slot), page) != rc::ok ? rc::io : rc::ok;
     }
-    VantorXmlNode response = response_slot != nullptr ? *response_slot : nullptr;
-    int32_t searched = deep_search(response, full, ask);
-    if (searched == +rc::stale_handle) return searched;
-    return searched != 0 ? +rc::io : +rc::ok;
+    rc searched = deep_search(base::response_of(response_slot), full, ask);
+    if (searched == rc::stale_handle) return searched;
+    return searched != rc::ok ? rc::io : rc::ok;
 }
 
 }  // namespace listing

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "base/result.h"
 #include "listing/walker.h"
 #include "platform/host_api.h"
 
@@ -13,7 +14,7 @@ namespace listing {
 // "search_user_storage_file" (argc exactly 10): argv[1] folder, [2] offset,
 // [3] range, [4] list folders, [5] list files, [6] details, [7] media filter
 // word, [8] keyword, [9] search subfolders.
-int32_t search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc search_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // What a deep search is asked for.
 struct search_request {
@@ -50,7 +51,7 @@ int search_visit(walk_entry &entry, void *context) noexcept;
 // Deep search of the tree at full_path (an absolute local path), appending
 // "fileList" and the counters under response. 0, 19 when a folder handle went
 // stale during the walk, 4 for any other failure. `hooks` is a seam for tests.
-int32_t deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
+base::rc deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
                     const walk_hooks *hooks = nullptr) noexcept;
 
 }  // namespace listing

@@ -15,24 +15,28 @@
 #include <type_traits>
 #include <vector>
 
+#include "base/answer.h"
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/format.h"
 #include "listing/names.h"
 #include "listing/network.h"
 #include "listing/order.h"
 #include "media/disc.h"
-#include "plugin/export.h"
-#include "plugin/util.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
 namespace listing {
+using base::rc;
 namespace {
 
 constexpr std::string_view cdrom_tree = "/opt/vtrhttpd/localhost.drives/CDROM";        // 36
 constexpr std::string_view cdrom_tree_doubled = "/opt/vtrhttpd/localhost.drives//CDROM";  // 37
 static_assert(cdrom_tree.size() == 36 && cdrom_tree_doubled.size() == 37);
 constexpr std::size_t label_file_bytes = 1023;
-constexpr std::size_t entry_path_max = plugin::path_max + 256 + 2;  // dir, "/", a name
+constexpr std::size_t entry_path_max = base::path_max + 256 + 2;  // dir, "/", a name
 
 // One accepted entry of the scanned folder. `sort` comes first so that the
 // sorted pointers lead back to the whole item.
@@ -79,7 +83,7 @@ struct share_list_call {
 
 // Full path of an entry in the call's path buffer.
 const char *entry_path(share_list_call &call, const char *name) noexcept {
-    plugin::format_into(call.path, "%s/%s", call.dir, name);
+    base::format_into(call.path, "%s/%s", call.dir, name);
     return call.path;
 }
 
@@ -89,7 +93,7 @@ const char *entry_path(share_list_call &call, const char *name) noexcept {
 const char *top_level_label(share_list_call &call, const char *name, std::span<char> out) noexcept {
     if (!call.labels_loaded) {
         call.labels_loaded = true;
-        plugin::unique_fd fd(::open("/tmp/usb_name.txt", O_RDONLY | O_CLOEXEC));
+        base::unique_fd fd(::open("/tmp/usb_name.txt", O_RDONLY | O_CLOEXEC));
         std::size_t used = 0;
         while (fd.valid() && used < label_file_bytes) {
             ssize_t n = ::read(fd.get(), call.labels + used, label_file_bytes - used);
@@ -100,17 +104,17 @@ const char *top_level_label(share_list_call &call, const char *name, std::span<c
         call.labels[used] = '\0';
     }
     char key[260];
-    if (!plugin::format_into(key, "%s|", name)) return name;
+    if (!base::format_into(key, "%s|", name)) return name;
     const char *found = std::strstr(call.labels, key);
     if (found == nullptr) return name;
     std::string_view label(found + std::strlen(key));
     label = label.substr(0, label.find('|'));
-    plugin::copy_text(out, label);
+    base::copy_text(out, label);
     return out.data();
 }
 
 void open_disc_drive(share_list_call &call) noexcept {
-    plugin::unique_fd fd(::open("/dev/cdrom", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    base::unique_fd fd(::open("/dev/cdrom", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid()) return;
     call.disc_code = get_disc_type(fd.get());
     call.have_disc_code = true;
@@ -119,17 +123,17 @@ void open_disc_drive(share_list_call &call) noexcept {
 
 const char *device_type_of(const char *name) noexcept {
     if (std::strcmp(name, "CDROM") == 0) return "rom";
-    if (plugin::starts_with(name, "USB_DRIVE")) return "usb";
-    if (plugin::starts_with(name, "SATA_DISK")) return "harddisk";
+    if (base::starts_with(name, "USB_DRIVE")) return "usb";
+    if (base::starts_with(name, "SATA_DISK")) return "harddisk";
     return "";
 }
 
 void add_dates(VantorXmlNode file, const struct stat &st) noexcept {
     char date[32];
     format_date(st.st_mtime, false, date);
-    add_element(file, "modifyDate", date);
+    base::add_element(file, "modifyDate", date);
     format_date(st.st_atime, false, date);
-    add_element(file, "lastAccessDate", date);
+    base::add_element(file, "lastAccessDate", date);
 }
 
 // Emits one entry as a "file" under "fileList" and keeps its cache entry.
@@ -150,55 +154,55 @@ void emit_entry(share_list_call &call, const scan_item &item, const char *name, 
     const char *shown_path = full;
     if (not_file_system) shown_path = call.disc_code == media::disc_code_bd_rom ? "file:///cdrom" : "file:///dev/cdrom";
 
-    VantorXmlNode file = new_element("file", "");
-    add_element(file, "name", display);
-    add_element(file, "path", shown_path);
+    VantorXmlNode file = base::new_element("file", "");
+    base::add_element(file, "name", display);
+    base::add_element(file, "path", shown_path);
     bool as_file = !item.is_folder || disc_kind != media::no_structure;
     const char *type_word = "";
     struct stat st;
     bool have_stat = false;
     if (as_file) {
         type_word = item.is_folder ? type_word_for_disc_kind(disc_kind) : type_word_for_mime(item.mime);
-        add_element(file, "type", type_word);
+        base::add_element(file, "type", type_word);
         have_stat = ::fstatat(call.dir_fd, name, &st, 0) == 0;
         if (have_stat) {
             if (call.show_details) {
-                add_unsigned(file, "size", static_cast<unsigned long long>(st.st_size));
+                base::add_unsigned(file, "size", static_cast<unsigned long long>(st.st_size));
                 add_dates(file, st);
             }
-            add_element(file, "isFolder", "no");
+            base::add_element(file, "isFolder", "no");
         }
     } else {
         have_stat = ::fstatat(call.dir_fd, name, &st, 0) == 0;
         if (have_stat) {
-            add_element(file, "isFolder", not_file_system ? "no" : "yes");
+            base::add_element(file, "isFolder", not_file_system ? "no" : "yes");
             if (call.show_details) {
                 long long space[3] = {0, 0, 0};
                 if (call.top_level && get_partition_free_space(full, space) == 1) {
-                    plugin::unique_malloc<char> fs(get_mounted_filesystem_type(full));
-                    add_element(file, "fileSystem", fs != nullptr ? fs.get() : "");
-                    add_number(file, "usedDiskSpace", space[1]);
-                    add_number(file, "freeDiskSpace", space[0]);
-                    add_number(file, "size", space[2]);
+                    base::unique_malloc<char> fs(get_mounted_filesystem_type(full));
+                    base::add_element(file, "fileSystem", fs != nullptr ? fs.get() : "");
+                    base::add_number(file, "usedDiskSpace", space[1]);
+                    base::add_number(file, "freeDiskSpace", space[0]);
+                    base::add_number(file, "size", space[2]);
                 } else {
-                    add_unsigned(file, "size", static_cast<unsigned long long>(st.st_size));
+                    base::add_unsigned(file, "size", static_cast<unsigned long long>(st.st_size));
                 }
                 add_dates(file, st);
                 if (call.top_level) {
-                    add_element(file, "device_type", device_type_of(name));
+                    base::add_element(file, "device_type", device_type_of(name));
                     if (call.want_pvx) {
                         char library[entry_path_max];
-                        bool found = plugin::format_into(library, "%.*s/%s/pvx_database/media.db",
+                        bool found = base::format_into(library, "%.*s/%s/pvx_database/media.db",
                                                          static_cast<int>(storage::drives_root.size()),
                                                          storage::drives_root.data(), name) &&
                                      ::access(library, F_OK) == 0;
-                        add_element(file, "pvx", found ? "true" : "false");
+                        base::add_element(file, "pvx", found ? "true" : "false");
                     }
                 }
             }
             if (call.drive_opened) {
                 type_word = "cd";
-                add_element(file, "type", "cd");
+                base::add_element(file, "type", "cd");
             }
         }
     }
@@ -220,13 +224,13 @@ bool read_folder(share_list_call &call, const char *search_text, sort_kind kind,
                  std::vector<char> &names) noexcept {
     // A descriptor of its own for the stream (closedir closes it); the
     // call's descriptor stays open for the status calls of the page.
-    plugin::unique_fd stream_fd(::openat(call.dir_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    base::unique_fd stream_fd(::openat(call.dir_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!stream_fd.valid()) return false;
     DIR *stream = ::fdopendir(stream_fd.get());
     if (stream == nullptr) return false;
     stream_fd.release();
-    plugin::unique_dir closer(stream);
-    bool in_cdrom = plugin::starts_with(call.dir, cdrom_tree) || plugin::starts_with(call.dir, cdrom_tree_doubled);
+    base::unique_dir closer(stream);
+    bool in_cdrom = base::starts_with(call.dir, cdrom_tree) || base::starts_with(call.dir, cdrom_tree_doubled);
     for (;;) {
         errno = 0;
         const dirent *e = ::readdir(stream);
@@ -275,38 +279,43 @@ bool read_folder(share_list_call &call, const char *search_text, sort_kind kind,
     return true;
 }
 
-int32_t share_list(VantorXmlNode *response_slot, const char *dir, uint64_t start, uint64_t count, bool show_folders,
-                   bool show_files, bool show_details, const char *type_filter, bool top_level, int sort_order,
-                   const char *search_text, bool write_cache, const void *cache_header, bool want_pvx) {
+base::rc run_share_list(VantorXmlNode response, const share_list_request &request) {
+    const char *dir = request.dir;
+    uint64_t start = request.start;
+    uint64_t count = request.count;
+    const bool show_folders = request.show_folders, show_files = request.show_files;
+    const bool show_details = request.show_details, top_level = request.top_level;
+    const bool want_pvx = request.want_pvx;
+    const char *search_text = request.search_text;
     storage::sort_mime_table();
-    if (dir == nullptr || std::strlen(dir) >= plugin::path_max) {
+    if (dir == nullptr || std::strlen(dir) >= base::path_max) {
         errno = ENAMETOOLONG;
         std::perror("scandir");
-        return 1;
+        return rc::failure;
     }
     auto call = std::make_unique<share_list_call>();
-    call->response = response_slot != nullptr ? *response_slot : nullptr;
+    call->response = response;
     call->dir = dir;
     call->show_folders = show_folders;
     call->show_files = show_files;
     call->show_details = show_details;
     call->top_level = top_level;
     call->want_pvx = want_pvx;
-    call->caching = write_cache && cache_header != nullptr;
-    call->filter = type_filter != nullptr ? type_filter : "";
+    call->caching = request.cache_key != nullptr;
+    call->filter = request.type_filter != nullptr ? request.type_filter : "";
     call->mime_prefix = mime_prefix_for_filter(call->filter);
-    sort_kind kind = select_sort(sort_order, top_level, call->filter, search_text != nullptr);
+    sort_kind kind = select_sort(request.sort_order, top_level, call->filter, search_text != nullptr);
 
     std::vector<scan_item> items;
     std::vector<char> names;
-    plugin::unique_fd dir_fd;
+    base::unique_fd dir_fd;
     bool network_only = top_level && std::strcmp(call->filter, "network") == 0;
     if (!network_only) {
         dir_fd.reset(::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         call->dir_fd = dir_fd.get();
         if (!dir_fd.valid() || !read_folder(*call, search_text, kind, items, names)) {
             std::perror("scandir");
-            return 1;
+            return rc::failure;
         }
     }
 
@@ -319,7 +328,7 @@ int32_t share_list(VantorXmlNode *response_slot, const char *dir, uint64_t start
     }
     sort_entries(order, kind);
 
-    call->file_list = add_element(call->response, "fileList", "");
+    call->file_list = base::add_element(call->response, "fileList", "");
     for (sort_entry *sorted : order) {
         const scan_item &item = *reinterpret_cast<const scan_item *>(sorted);
         const char *name = sorted->name;
@@ -355,25 +364,30 @@ int32_t share_list(VantorXmlNode *response_slot, const char *dir, uint64_t start
         call->emitted += shares;
         call->folders_available += shares;
     }
-    add_number(call->response, "totalFile", call->emitted);
-    if (show_folders) add_number(call->response, "availableFolder", call->folders_available);
-    if (show_files) add_number(call->response, "availableFile", call->files_available);
-    plugin::path_buffer convert;
+    base::add_number(call->response, "totalFile", call->emitted);
+    if (show_folders) base::add_number(call->response, "availableFolder", call->folders_available);
+    if (show_files) base::add_number(call->response, "availableFile", call->files_available);
+    base::path_buffer convert;
     convert[0] = '\0';
     if (!top_level) {
         if (!local_path_to_share_url(dir, convert))
-            plugin::copy_text(convert, dir);
-        add_element(call->response, "convertPath", convert);
+            base::copy_text(convert, dir);
+        base::add_element(call->response, "convertPath", convert);
     }
     if (call->caching && !call->page.empty()) {
-        listing_key key;
-        std::memcpy(&key, cache_header, sizeof key);
-        append_cache_record(key, call->files_available, call->folders_available, convert, call->page);
+        append_cache_record(*request.cache_key, call->files_available, call->folders_available, convert, call->page);
     }
-    return 0;
+    return rc::ok;
 }
 
 }  // namespace
+
+base::rc share_list(VantorXmlNode response, const share_list_request &request) noexcept {
+    FILEOP_GUARD_BEGIN
+    return run_share_list(response, request);
+    FILEOP_GUARD_END(rc::io)
+}
+
 }  // namespace listing
 
 extern "C" FILEOP_EXPORT int32_t file_operation_share_list_file(
@@ -381,8 +395,23 @@ extern "C" FILEOP_EXPORT int32_t file_operation_share_list_file(
     int show_details, const char *type_filter, int top_level, int sort_order, const char *search_text,
     int write_cache, const void *cache_header, int want_pvx) noexcept {
     FILEOP_GUARD_BEGIN
-    return listing::share_list(response, dir, start, count, show_folders != 0, show_files != 0, show_details != 0,
-                               type_filter, top_level != 0, sort_order, search_text, write_cache != 0,
-                               cache_header, want_pvx != 0);
-    FILEOP_GUARD_END(4)
+    listing::listing_key key;
+    listing::share_list_request request;
+    request.dir = dir;
+    request.start = start;
+    request.count = count;
+    request.show_folders = show_folders != 0;
+    request.show_files = show_files != 0;
+    request.show_details = show_details != 0;
+    request.type_filter = type_filter;
+    request.top_level = top_level != 0;
+    request.sort_order = sort_order;
+    request.search_text = search_text;
+    if (write_cache != 0 && cache_header != nullptr) {
+        std::memcpy(&key, cache_header, sizeof key);
+        request.cache_key = &key;
+    }
+    request.want_pvx = want_pvx != 0;
+    return base::to_host(listing::share_list(response != nullptr ? *response : nullptr, request));
+    FILEOP_GUARD_END(base::to_host(base::rc::io))
 }

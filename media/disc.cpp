@@ -7,8 +7,10 @@
 #include <cstring>
 #include <string_view>
 
-#include "plugin/export.h"
-#include "plugin/util.h"
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 namespace media {
 namespace {
@@ -64,9 +66,9 @@ const char *disc_code_text(int code) noexcept {
 extern "C" {
 
 FILEOP_EXPORT int vantor_command_server_existfile(char *buffer, int length, const char *suffix) noexcept {
-    if (buffer == nullptr || suffix == nullptr || length < 0 || length >= static_cast<int>(plugin::path_max))
+    if (buffer == nullptr || suffix == nullptr || length < 0 || length >= static_cast<int>(base::path_max))
         return 0;
-    std::size_t room = plugin::path_max - 1 - static_cast<std::size_t>(length);
+    std::size_t room = base::path_max - 1 - static_cast<std::size_t>(length);
     std::size_t n = ::strnlen(suffix, room);
     std::memcpy(buffer + length, suffix, n);
     buffer[length + n] = '\0';
@@ -79,9 +81,9 @@ FILEOP_EXPORT int vantor_command_server_existfile(char *buffer, int length, cons
 
 FILEOP_EXPORT unsigned int vantor_command_server_cdtypedetection(const char *folder) noexcept {
     if (folder == nullptr) return media::no_structure;
-    std::size_t length = ::strnlen(folder, plugin::path_max);
-    if (length >= plugin::path_max) return media::no_structure;  // would not be terminated
-    char buffer[plugin::path_max];
+    std::size_t length = ::strnlen(folder, base::path_max);
+    if (length >= base::path_max) return media::no_structure;  // would not be terminated
+    char buffer[base::path_max];
     std::memcpy(buffer, folder, length + 1);
     int n = static_cast<int>(length);
     if (media::any_exists(buffer, n, media::bdmv_index) && media::any_exists(buffer, n, media::bdmv_movie))

@@ -6,6 +6,7 @@
 #include <span>
 #include <string_view>
 
+#include "base/result.h"
 #include "platform/host_api.h"
 
 extern "C" {
@@ -29,6 +30,10 @@ int32_t file_operation_download_file(VantorXmlNode *response_slot, CommandReques
 }  // extern "C"
 
 namespace media {
+
+// The handlers behind the two exports above.
+base::rc verify_user_storage_download_status(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc download_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // Wall-clock limit of each child program of the download commands (`wget`
 // fetching a file, the server probe): a server that keeps the connection

@@ -10,9 +10,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "plugin/export.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "storage/paths.h"
 
 namespace media {
@@ -87,15 +89,15 @@ uint64_t hash_file(const char *path) noexcept {
 
 }  // namespace
 
-int32_t calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return +plugin::rc::bad_argument;
+base::rc calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return base::rc::bad_argument;
     CommandArgs *args = request->args;
-    if (args->argc < 2 || args->argv[1] == nullptr) return +plugin::rc::bad_argument;
-    plugin::unique_malloc<char> resolved;
+    if (args->argc < 2 || args->argv[1] == nullptr) return base::rc::bad_argument;
+    base::unique_malloc<char> resolved;
     const char *path = storage::resolve_network_address(args->argv[1], resolved);
-    if (path == nullptr) return +plugin::rc::bad_argument;
+    if (path == nullptr) return base::rc::bad_argument;
     bool folder = is_path_folder(path) == 1;
-    if (::access(path, F_OK) != 0) return +plugin::rc::bad_path;
+    if (::access(path, F_OK) != 0) return base::rc::bad_path;
 
     char text[32] = "0";
     if (!folder) {
@@ -105,7 +107,7 @@ int32_t calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRe
     VantorXmlNode node = nullptr;
     VANTOR_SIMPLE_XML_new_node(&node, "hash", text);
     VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
-    return +plugin::rc::ok;
+    return base::rc::ok;
 }
 
 }  // namespace media

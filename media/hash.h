@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "base/result.h"
 #include "platform/host_api.h"
 
 extern "C" {
@@ -24,6 +25,6 @@ namespace media {
 int64_t hash_tail_offset(uint64_t size) noexcept;
 
 // "calculate_user_storage_file_hash" file: answers `hash`.
-int32_t calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 }  // namespace media

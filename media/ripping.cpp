@@ -14,8 +14,10 @@
 #include <cstring>
 #include <string_view>
 
-#include "plugin/result.h"
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "storage/paths.h"
 
 extern char **environ;
@@ -23,7 +25,7 @@ extern char **environ;
 namespace media {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 // The ripper's argument list: ten slots of 512 bytes, filled in order.
 constexpr std::size_t slot_size = 512;
@@ -46,12 +48,12 @@ bool path_exists(const char *path) noexcept {
 }
 
 bool can_read(const char *path) noexcept {
-    plugin::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    base::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
     return fd.valid();
 }
 
 void make_empty_file(const char *path) noexcept {
-    plugin::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+    base::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
 }
 
 // Error text without the C library's shared buffer; works with both the
@@ -117,11 +119,11 @@ void wait_for_ripper(pid_t pid) noexcept {
 
 void run_fixed(const char *program, const char *argument_word = nullptr) noexcept {
     const char *argv[] = {program, argument_word, nullptr};
-    (void)plugin::run_program(argv);
+    (void)base::run_program(argv);
 }
 
 // The actions of argc 2: each answers 0.
-int32_t simple_action(const char *action) noexcept {
+base::rc simple_action(const char *action) noexcept {
     if (same(action, "StopRipping")) {
         if (can_read(ripping_status_file)) make_empty_file(kill_ripper_file);
     } else if (same(action, "gettrack")) {
@@ -137,33 +139,33 @@ int32_t simple_action(const char *action) noexcept {
     } else if (same(action, "cdeject")) {
         run_fixed("cdeject");
     }
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t create_directory(const char *drive, const char *folder) noexcept {
-    if (drive == nullptr || folder == nullptr) return +rc::io;
-    plugin::path_buffer base;
-    plugin::path_buffer path;
-    if (!plugin::format_into(base, "%s%s", storage::drives_root.data(), drive) ||
-        !plugin::format_into(path, "%s%s", base, folder))
-        return +rc::io;
+base::rc create_directory(const char *drive, const char *folder) noexcept {
+    if (drive == nullptr || folder == nullptr) return rc::io;
+    base::path_buffer base;
+    base::path_buffer path;
+    if (!base::format_into(base, "%s%s", storage::drives_root.data(), drive) ||
+        !base::format_into(path, "%s%s", base, folder))
+        return rc::io;
     if (!path_exists(base)) {
         say_no_device();
-        return -1;
+        return rc::no_device;
     }
     if (path_exists(path)) {
         say("Path already exist Create folder fail \n");
-        return +rc::ok;
+        return rc::ok;
     }
     make_rip_folder(path);
-    return +rc::ok;
+    return rc::ok;
 }
 
 // The album folder below the destination; dest is rewritten in place.
-void choose_album_folder(plugin::path_buffer &dest, const char *album) noexcept {
-    plugin::path_buffer candidate;
+void choose_album_folder(base::path_buffer &dest, const char *album) noexcept {
+    base::path_buffer candidate;
     if (!same(album, "UnknownAlbum")) {
-        (void)plugin::format_into(candidate, "%s%s/", dest, album);
+        (void)base::format_into(candidate, "%s%s/", dest, album);
         if (!path_exists(candidate)) {
             if (make_rip_folder(candidate, false) != 0) {
                 int error = errno;
@@ -177,7 +179,7 @@ void choose_album_folder(plugin::path_buffer &dest, const char *album) noexcept 
             give_to_rip_owner(candidate);
         } else {
             for (int n = 0; n <= last_candidate; ++n) {
-                (void)plugin::format_into(candidate, "%s%s_%d/", dest, album, n);
+                (void)base::format_into(candidate, "%s%s_%d/", dest, album, n);
                 if (!path_exists(candidate)) {
                     make_rip_folder(candidate);
                     break;
@@ -190,7 +192,7 @@ void choose_album_folder(plugin::path_buffer &dest, const char *album) noexcept 
         return;
     }
     for (int n = 0; n <= last_candidate; ++n) {
-        (void)plugin::format_into(candidate, "%sUnknown_Artist_%d/", dest, n);
+        (void)base::format_into(candidate, "%sUnknown_Artist_%d/", dest, n);
         if (!path_exists(candidate)) {
             std::memcpy(dest, candidate, sizeof dest);
             std::printf("Full path is now %s\n", dest);
@@ -204,7 +206,7 @@ void choose_album_folder(plugin::path_buffer &dest, const char *album) noexcept 
 // argv[2] drive part ("/USB_DRIVE_A-1/"), argv[3] tracks ("ALL" or a span),
 // argv[4] error correction, argv[5] music subfolder, argv[6] format,
 // argv[7] album name.
-int32_t start_ripping(const CommandRequest *request) noexcept {
+base::rc start_ripping(const CommandRequest *request) noexcept {
     const char *drive = argument(request, 2);
     const char *tracks = argument(request, 3);
     const char *correction = argument(request, 4);
@@ -213,41 +215,41 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
     const char *album = argument(request, 7);
     if (drive == nullptr || tracks == nullptr || correction == nullptr || music == nullptr ||
         format == nullptr || album == nullptr)
-        return +rc::io;
+        return rc::io;
     // Every folder name this request may form must fit the ripper's slot.
     std::size_t album_part = same(album, "UnknownAlbum") ? std::strlen("Unknown_Artist_100/")
                                                          : std::strlen(album) + std::strlen("_100/");
     if (storage::drives_root.size() + std::strlen(drive) + std::strlen("Music/") + album_part >= slot_size)
-        return +rc::io;
+        return rc::io;
 
     ::unlink(kill_ripper_file);
     ripper_slots slots{};
     std::size_t filled = 0;
     bool flac = same(format, "FLAC");
-    bool correct = plugin::is_true_word(correction);
-    (void)plugin::copy_text(slots[filled++], flac ? (correct ? "-AB" : "-ZAB") : (correct ? "-wB" : "-ZwB"));
-    if (!plugin::copy_text(slots[filled++], same(tracks, "ALL") ? "1-TOTAL" : tracks)) return +rc::io;
+    bool correct = base::is_true_word(correction);
+    (void)base::copy_text(slots[filled++], flac ? (correct ? "-AB" : "-ZAB") : (correct ? "-wB" : "-ZwB"));
+    if (!base::copy_text(slots[filled++], same(tracks, "ALL") ? "1-TOTAL" : tracks)) return rc::io;
 
-    plugin::path_buffer dest;
-    (void)plugin::format_into(dest, "%s%s", storage::drives_root.data(), drive);
-    if (!storage::path_allowed(dest)) return +rc::io;  // the confinement switch
+    base::path_buffer dest;
+    (void)base::format_into(dest, "%s%s", storage::drives_root.data(), drive);
+    if (!storage::path_allowed(dest)) return rc::io;  // the confinement switch
     if (!path_exists(dest)) {
         say_no_device();
-        return -1;
+        return rc::no_device;
     }
-    if (plugin::is_true_word(music)) {
-        (void)plugin::format_into(dest, "%s%sMusic/", storage::drives_root.data(), drive);
+    if (base::is_true_word(music)) {
+        (void)base::format_into(dest, "%s%sMusic/", storage::drives_root.data(), drive);
         if (!path_exists(dest)) make_rip_folder(dest);
     }
-    plugin::path_buffer album_path;  // the album folder is dest, album and "_<n>"
-    if (!plugin::format_into(album_path, "%s%s", dest, album) || !storage::path_allowed(album_path)) return +rc::io;
+    base::path_buffer album_path;  // the album folder is dest, album and "_<n>"
+    if (!base::format_into(album_path, "%s%s", dest, album) || !storage::path_allowed(album_path)) return rc::io;
     choose_album_folder(dest, album);
-    (void)plugin::copy_text(slots[filled++], dest);
+    (void)base::copy_text(slots[filled++], dest);
 
-    if (can_read(ripping_status_file)) return +rc::io;  // a rip is under way
+    if (can_read(ripping_status_file)) return rc::io;  // a rip is under way
     // Exclusive, so that of two requests racing here only one starts.
-    plugin::unique_fd status(::open(ripping_status_file, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (!status.valid() && errno == EEXIST) return +rc::io;
+    base::unique_fd status(::open(ripping_status_file, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!status.valid() && errno == EEXIST) return rc::io;
     status.reset();
 
     const char *argv[slot_count + 2] = {"cdparanoia"};
@@ -257,24 +259,24 @@ int32_t start_ripping(const CommandRequest *request) noexcept {
     std::fflush(stderr);
     pid_t pid = start_ripper(argv);
     if (pid > 0) wait_for_ripper(pid);
-    return +rc::ok;
+    return rc::ok;
 }
 
 }  // namespace
 
-int32_t ripping(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return +rc::ok;
+base::rc ripping(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return rc::ok;
     int32_t argc = request->args->argc;
     const char *action = argument(request, 1);
-    if (argc < 2) return +rc::ok;
+    if (argc < 2) return rc::ok;
     if (argc == 2) return simple_action(action);
     if (same(action, "start_ripping")) return start_ripping(request);
     if (same(action, "Create_Directory")) {
-        if (argc < 4) return +rc::io;
+        if (argc < 4) return rc::io;
         return create_directory(argument(request, 2), argument(request, 3));
     }
     say("invalid parameter\n");
-    return +rc::io;
+    return rc::io;
 }
 
 }  // namespace media

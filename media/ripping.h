@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "base/result.h"
 #include "platform/host_api.h"
 
 namespace media {
@@ -21,6 +22,6 @@ inline constexpr unsigned rip_owner = 1001;
 
 // The handler of every sub-command whose name holds "ripping"; argv[1]
 // selects the action (no argument count is checked before it is called).
-int32_t ripping(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc ripping(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 }  // namespace media

@@ -6,9 +6,11 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "media/hash.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/paths.h"
 
 namespace media {
@@ -32,15 +34,15 @@ std::string_view subtitle_stem(std::string_view path, bool folder) noexcept {
 
 }  // namespace
 
-int32_t search_user_storage_subtitle(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return +plugin::rc::bad_argument;
+base::rc search_user_storage_subtitle(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    if (request == nullptr || request->args == nullptr) return base::rc::bad_argument;
     CommandArgs *args = request->args;
-    if (args->argc < 2 || args->argv[1] == nullptr) return +plugin::rc::bad_argument;
-    plugin::unique_malloc<char> resolved;
+    if (args->argc < 2 || args->argv[1] == nullptr) return base::rc::bad_argument;
+    base::unique_malloc<char> resolved;
     const char *video = storage::resolve_network_address(args->argv[1], resolved);
-    if (video == nullptr) return +plugin::rc::bad_argument;
+    if (video == nullptr) return base::rc::bad_argument;
     std::string_view path(video);
-    if (path.size() >= subtitle_path_max) return +plugin::rc::bad_argument;
+    if (path.size() >= subtitle_path_max) return base::rc::bad_argument;
     std::string_view stem = subtitle_stem(path, is_path_folder(video) == 1);
 
     VantorXmlNode subtitles = nullptr;
@@ -49,7 +51,7 @@ int32_t search_user_storage_subtitle(VantorXmlNode *response_slot, CommandReques
     for (std::string_view extension : subtitle_extensions) {
         char candidate[subtitle_path_max];
         // A candidate too long for the buffer is not looked for.
-        if (!plugin::copy_text(candidate, stem) || !plugin::append_text(candidate, extension)) continue;
+        if (!base::copy_text(candidate, stem) || !base::append_text(candidate, extension)) continue;
         if (::access(candidate, F_OK) != 0) continue;
         VantorXmlNode node = nullptr;
         VANTOR_SIMPLE_XML_new_node(&node, "subtitle", candidate);
@@ -62,7 +64,7 @@ int32_t search_user_storage_subtitle(VantorXmlNode *response_slot, CommandReques
         VANTOR_SIMPLE_XML_add_child_node(subtitles, empty);
     }
     VANTOR_SIMPLE_XML_add_child_node(*response_slot, subtitles);
-    return +plugin::rc::ok;
+    return base::rc::ok;
 }
 
 }  // namespace media

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "appstore/app_storage.h"
+#include "base/result.h"
 #include "listing/file_index.h"
 #include "listing/list_command.h"
 #include "listing/search.h"
@@ -11,13 +12,13 @@
 #include "media/hash.h"
 #include "media/ripping.h"
 #include "media/subtitle.h"
-#include "plugin/result.h"
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
 #include "transfer/batch.h"
 #include "transfer/selection.h"
 
 namespace plugin {
+using base::rc;
 namespace {
 
 // Rows are compared in this order.
@@ -29,11 +30,11 @@ constexpr std::array user_commands{
     command{"read_user_storage_file", exactly(4), storage::read_user_storage_file},
     command{"get_user_storage_file_info", exactly(2), storage::get_user_storage_file_info},
     command{"copy_user_storage_file", exactly(3),
-            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
                 return storage::copy_user_storage_file(slot, request, 0);
             }},
     command{"move_user_storage_file", exactly(3),
-            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
                 return storage::copy_user_storage_file(slot, request, 1);
             }},
     command{"backup_user_storage_file", at_least(3), storage::backup_user_storage_file},
@@ -43,17 +44,17 @@ constexpr std::array user_commands{
     command{"select_user_storage_file_to_list", exactly(3), transfer::select_user_storage_file_to_list},
     command{"delete_user_storage_file_from_list", between(1, 2), transfer::delete_user_storage_file_from_list},
     command{"copy_user_storage_file_from_list", exactly(2),
-            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
                 return transfer::copy_user_storage_file_from_list(slot, request, 0);
             }},
     command{"move_user_storage_file_from_list", exactly(2),
-            [](VantorXmlNode *slot, CommandRequest *request) -> int32_t {
+            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
                 return transfer::copy_user_storage_file_from_list(slot, request, 1);
             }},
     command{"search_user_storage_subtitle", exactly(2), media::search_user_storage_subtitle},
     command{"calculate_user_storage_file_hash", exactly(2), media::calculate_user_storage_file_hash},
-    command{"verify_user_storage_download_status", exactly(2), file_operation_check_download_target_status},
-    command{"download_user_storage_file", at_least(4), file_operation_download_file},
+    command{"verify_user_storage_download_status", exactly(2), media::verify_user_storage_download_status},
+    command{"download_user_storage_file", at_least(4), media::download_user_storage_file},
     command{"get_user_storage_file_index", exactly(6), listing::get_user_storage_file_index},
 };
 
@@ -72,25 +73,26 @@ constexpr std::array app_commands{
 
 constexpr command_tables tables{user_commands, app_commands, media::ripping};
 
-int32_t run_row(std::span<const command> rows, const char *name, VantorXmlNode *response_slot,
+rc run_row(std::span<const command> rows, const char *name, VantorXmlNode *response_slot,
                 CommandRequest *request, int32_t argc) {
     for (const command &row : rows) {
         if (row.name != name) continue;
-        if (!row.rule.accepts(argc)) return +rc::failure;
+        if (!row.rule.accepts(argc)) return rc::failure;
         return row.run(response_slot, request);
     }
-    return +rc::failure;
+    return rc::failure;
 }
 
 }  // namespace
 
 const command_tables &file_operation_commands() noexcept { return tables; }
 
-int32_t dispatch(const command_tables &t, VantorXmlNode *response_slot,
-                 CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return +rc::failure;
+namespace {
+
+rc choose_and_run(const command_tables &t, VantorXmlNode *response_slot, CommandRequest *request) {
+    if (request == nullptr || request->args == nullptr) return rc::failure;
     CommandArgs *args = request->args;
-    if (args->argc < 1 || args->argv[0] == nullptr) return +rc::failure;
+    if (args->argc < 1 || args->argv[0] == nullptr) return rc::failure;
     const char *name = args->argv[0];
     if (std::strstr(name, "_user_") != nullptr)
         return run_row(t.user, name, response_slot, request, args->argc);
@@ -98,7 +100,14 @@ int32_t dispatch(const command_tables &t, VantorXmlNode *response_slot,
         return run_row(t.app, name, response_slot, request, args->argc);
     if (std::strstr(name, "ripping") != nullptr && t.ripping != nullptr)
         return t.ripping(response_slot, request);
-    return +rc::failure;
+    return rc::failure;
+}
+
+}  // namespace
+
+int32_t dispatch(const command_tables &t, VantorXmlNode *response_slot,
+                 CommandRequest *request) noexcept {
+    return base::to_host(choose_and_run(t, response_slot, request));
 }
 
 }  // namespace plugin

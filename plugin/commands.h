@@ -6,13 +6,14 @@
 #include <span>
 #include <string_view>
 
+#include "base/result.h"
 #include "platform/host_api.h"
 
 namespace plugin {
 
 // Handlers get the address of the slot holding the response element and the
 // request; the result goes to the host unchanged.
-using handler_fn = int32_t(VantorXmlNode *response_slot, CommandRequest *request);
+using handler_fn = base::rc(VantorXmlNode *response_slot, CommandRequest *request);
 
 struct arg_rule {
     int32_t low;   // smallest accepted argc

@@ -3,10 +3,10 @@
 
 #include <cstdio>
 
+#include "base/export.h"
+#include "base/result.h"
 #include "platform/host_api.h"
 #include "plugin/commands.h"
-#include "plugin/export.h"
-#include "plugin/result.h"
 
 extern "C" {
 
@@ -16,7 +16,7 @@ FILEOP_EXPORT int32_t VANTOR_COMMAND_SERVER_func_run_command_file_operation(
     // Handlers get the address of the slot that holds the response element.
     VantorXmlNode slot = response;
     return plugin::dispatch(plugin::file_operation_commands(), &slot, request);
-    FILEOP_GUARD_END(+plugin::rc::failure)
+    FILEOP_GUARD_END(base::to_host(base::rc::failure))
 }
 
 FILEOP_EXPORT CommandDescriptor *VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor(

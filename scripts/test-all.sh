@@ -37,6 +37,9 @@ run_suite() {  # name, build dir
   fi
 }
 
+step "layering"
+bash scripts/check-layers.sh || failed+=(layering)
+
 mkdir -p "$root/build"
 for stage in $stages; do
   case $stage in

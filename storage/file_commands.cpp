@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/result.h"
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 #include "storage/streams.h"
@@ -18,7 +20,7 @@
 namespace storage {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 struct file_closer {
     void operator()(FILE *f) const noexcept { std::fclose(f); }
@@ -43,7 +45,7 @@ void append_bytes(VantorXmlNode *response_slot, const char *tag, const void *dat
 }
 
 // Cuts the path at its last "/" (the parent folder); false when it has none.
-bool cut_at_last_slash(plugin::path_buffer &path) noexcept {
+bool cut_at_last_slash(base::path_buffer &path) noexcept {
     char *slash = std::strrchr(path, '/');
     if (slash == nullptr) return false;
     *slash = '\0';
@@ -88,47 +90,47 @@ uint64_t write_length(uint32_t count, uint64_t content_length) noexcept {
 
 void owner_permission_text(unsigned mode, char (&out)[32]) noexcept {
     out[0] = '\0';
-    if (mode & S_IRUSR) plugin::append_text(out, " read");
-    if (mode & S_IWUSR) plugin::append_text(out, " write");
-    if (mode & S_IXUSR) plugin::append_text(out, " execute");
+    if (mode & S_IRUSR) base::append_text(out, " read");
+    if (mode & S_IWUSR) base::append_text(out, " write");
+    if (mode & S_IXUSR) base::append_text(out, " execute");
 }
 
-int32_t create_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::bad_path;
-    if (isfileexist(path)) return +rc::exists;
+base::rc create_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
+    if (isfileexist(path)) return rc::exists;
 
     // One level of parent folder, made on demand; its outcome shows in the
     // write check that follows.
     if (cut_at_last_slash(path)) ::mkdir(path, 0700);
-    if (::access(path, W_OK) != 0) return +rc::no_permission;
+    if (::access(path, W_OK) != 0) return rc::no_permission;
 
     // The file is made at the path exactly as the client sent it: clients
     // send absolute paths under the drives root, where the checks looked.
-    if (!load_path(path, arg(request, 1))) return +rc::io;
-    if (!storage::path_allowed(path)) return +rc::bad_path;  // confined: as sent, too
-    plugin::unique_fd fd(::open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0700));
-    if (!fd.valid()) return +rc::io;
+    if (!load_path(path, arg(request, 1))) return rc::io;
+    if (!storage::path_allowed(path)) return rc::bad_path;  // confined: as sent, too
+    base::unique_fd fd(::open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0700));
+    if (!fd.valid()) return rc::io;
     fd.reset();
     ::sync();
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+base::rc write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     uint32_t count = client_count(arg(request, 4));
-    plugin::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::failure;
-    if (!isfileexist(path)) return +rc::not_found;
-    if (::access(path, W_OK) != 0) return +rc::no_permission;
+    base::path_buffer path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!isfileexist(path)) return rc::not_found;
+    if (::access(path, W_OK) != 0) return rc::no_permission;
 
     // Truncating only ever happens here: the file exists already. Never
     // written through a link.
-    const bool truncate = plugin::is_false_word(arg(request, 2));
+    const bool truncate = base::is_false_word(arg(request, 2));
     int fd = ::open(path, O_WRONLY | O_CREAT | (truncate ? O_TRUNC : O_APPEND) | O_NOFOLLOW | O_CLOEXEC, 0666);
     unique_file file(fd >= 0 ? ::fdopen(fd, truncate ? "w" : "a") : nullptr);
     if (!file) {
         if (fd >= 0) ::close(fd);
-        return +rc::failure;
+        return rc::failure;
     }
 
     const char *content = arg(request, 3);
@@ -136,33 +138,33 @@ int32_t write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandReques
     bool written = std::fwrite(content, 1, length, file.get()) == length;
     // Write errors (a full disk, a lost share) surface at the latest on close.
     bool closed = std::fclose(file.release()) == 0;
-    if (!written || !closed) return +rc::failure;
+    if (!written || !closed) return rc::failure;
     ::sync();
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    plugin::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::failure;
-    if (!isfileexist(path)) return +rc::not_found;
-    if (::access(path, R_OK) != 0) return +rc::no_permission;
+base::rc read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    base::path_buffer path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!isfileexist(path)) return rc::not_found;
+    if (::access(path, R_OK) != 0) return rc::no_permission;
     unique_file file(std::fopen(path, "re"));
-    if (!file) return +rc::failure;
+    if (!file) return rc::failure;
     // A folder opens as a stream on this C library but holds no bytes to read.
     struct stat st;
-    if (::fstat(::fileno(file.get()), &st) != 0 || S_ISDIR(st.st_mode)) return +rc::failure;
+    if (::fstat(::fileno(file.get()), &st) != 0 || S_ISDIR(st.st_mode)) return rc::failure;
 
     long long total = stream_size_plus_one(file.get());
-    if (total < 1) return +rc::failure;
+    if (total < 1) return rc::failure;
     read_span span = plan_read(client_count(arg(request, 2)), client_count(arg(request, 3)),
                                static_cast<uint64_t>(total));
     // The answer carries a 32-bit byte count.
-    if (span.buffer_size > UINT32_MAX) return +rc::failure;
+    if (span.buffer_size > UINT32_MAX) return rc::failure;
 
     if (span.offset > 0 && ::fseeko(file.get(), static_cast<off_t>(span.offset), SEEK_SET) != 0)
-        return +rc::failure;
-    plugin::unique_malloc<char> buffer(static_cast<char *>(std::malloc(span.buffer_size)));
-    if (!buffer) return +rc::failure;
+        return rc::failure;
+    base::unique_malloc<char> buffer(static_cast<char *>(std::malloc(span.buffer_size)));
+    if (!buffer) return rc::failure;
 
     std::size_t wanted = span.buffer_size - 1;
     std::size_t got = 0;
@@ -177,22 +179,22 @@ int32_t read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *req
     } else {
         append_element(response_slot, "content", "");
     }
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    plugin::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::bad_path;
+base::rc get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    base::path_buffer path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     sort_mime_table();
-    if (!isfileexist(path)) return +rc::not_found;
+    if (!isfileexist(path)) return rc::not_found;
     struct stat st;
-    if (::stat(path, &st) != 0) return +rc::io;
+    if (::stat(path, &st) != 0) return rc::io;
 
     char text[32];
-    plugin::format_into(text, "%llu", static_cast<unsigned long long>(st.st_size));
+    base::format_into(text, "%llu", static_cast<unsigned long long>(st.st_size));
     append_element(response_slot, "fileSize", text);
 
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::bad_path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     const char *mime = mime_type_for_path(path);
     append_element(response_slot, "mimeType", mime);
 
@@ -206,15 +208,15 @@ int32_t get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest 
         int width = 0;
         int height = 0;
         picture_size(path, mime, &width, &height);
-        plugin::format_into(text, "%d", width);
+        base::format_into(text, "%d", width);
         append_element(response_slot, "width", text);
-        plugin::format_into(text, "%d", height);
+        base::format_into(text, "%d", height);
         append_element(response_slot, "height", text);
     }
 
     owner_permission_text(st.st_mode, text);
     append_element(response_slot, "permission", text);
-    return +rc::ok;
+    return rc::ok;
 }
 
 }  // namespace storage

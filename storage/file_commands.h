@@ -4,21 +4,22 @@
 
 #include <cstdint>
 
+#include "base/result.h"
 #include "platform/host_api.h"
 
 namespace storage {
 
 // argv[1] file path. No answer elements.
-int32_t create_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc create_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 // argv[1] file path, argv[2] "false" overwrites (else appends), argv[3] text,
 // argv[4] byte count (0 = all of it). No answer elements.
-int32_t write_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc write_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 // argv[1] file path, argv[2] start offset, argv[3] byte count (0 = to the
 // end). Answers one "content" element.
-int32_t read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 // argv[1] file path. Answers "fileSize", "mimeType", "name", for pictures
 // "width" and "height", then "permission".
-int32_t get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // The span a read covers, from the counts as the client sent them (unsigned
 // 32-bit) and the file size plus one. `buffer_size` is the design's buffer

@@ -8,14 +8,16 @@
 #include <cstdio>
 #include <cstring>
 
-#include "plugin/result.h"
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "storage/paths.h"
 
 namespace storage {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 struct errno_row {
     int error;
@@ -46,109 +48,105 @@ const char *arg(CommandRequest *request, int i) noexcept { return request->args-
 // status as system() would.
 int copy_tree(const char *source, const char *target) noexcept {
     const char *argv[] = {"cp", "-rf", "--", source, target, nullptr};
-    return plugin::run_program(argv);
+    return base::run_program(argv);
 }
 int move_tree(const char *source, const char *target) noexcept {
     const char *argv[] = {"mv", "--", source, target, nullptr};
-    return plugin::run_program(argv);
+    return base::run_program(argv);
 }
 int make_folders(const char *path) noexcept {
     const char *argv[] = {"mkdir", "-p", "--", path, nullptr};
-    return plugin::run_program(argv);
-}
-int remove_tree(const char *path) noexcept {
-    const char *argv[] = {"rm", "-rf", "--", path, nullptr};
-    return plugin::run_program(argv);
+    return base::run_program(argv);
 }
 
 }  // namespace
 
-int32_t result_for_errno(int error) noexcept {
+base::rc result_for_errno(int error) noexcept {
     for (const errno_row &row : errno_results)
-        if (row.error == error) return +row.result;
-    return +rc::io;
+        if (row.error == error) return row.result;
+    return rc::io;
 }
 
-int32_t copy_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request, int move) noexcept {
-    plugin::path_buffer source;
-    plugin::path_buffer target;
-    if (!translated(load_and_translate(source, arg(request, 1)))) return +rc::failure;
-    if (!translated(load_and_translate(target, arg(request, 2)))) return +rc::failure;
-    if (!isfileexist(source) || !isfileexist(target)) return +rc::not_found;
-    if (::access(source, R_OK) != 0 || ::access(target, W_OK) != 0) return +rc::no_permission;
+base::rc copy_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request, int move) noexcept {
+    base::path_buffer source;
+    base::path_buffer target;
+    if (!translated(load_and_translate(source, arg(request, 1)))) return rc::failure;
+    if (!translated(load_and_translate(target, arg(request, 2)))) return rc::failure;
+    if (!isfileexist(source) || !isfileexist(target)) return rc::not_found;
+    if (::access(source, R_OK) != 0 || ::access(target, W_OK) != 0) return rc::no_permission;
     // Moves are checked too, even where they would only relink.
-    if (check_free_space(statfilesize(source), target) != 0) return +rc::no_room;
+    if (check_free_space(statfilesize(source), target) != 0) return rc::no_room;
     int status = move != 0 ? move_tree(source, target) : copy_tree(source, target);
-    if (status != 0) return +rc::failure;
+    if (status != 0) return rc::failure;
     ::sync();
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t backup_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer source;
-    plugin::path_buffer target;
-    if (!translated(load_and_translate(source, arg(request, 1)))) return +rc::bad_path;
-    if (!isfileexist(source)) return +rc::not_found;
-    if (!translated(load_and_translate(target, arg(request, 2)))) return +rc::bad_path;
+base::rc backup_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer source;
+    base::path_buffer target;
+    if (!translated(load_and_translate(source, arg(request, 1)))) return rc::bad_path;
+    if (!isfileexist(source)) return rc::not_found;
+    if (!translated(load_and_translate(target, arg(request, 2)))) return rc::bad_path;
     for (std::size_t n = std::strlen(target); n > 0 && target[n - 1] == '/'; --n) target[n - 1] = '\0';
 
     bool overwrite = request->args->argc == 4 && std::strcmp(arg(request, 3), "true") == 0;
-    if (!overwrite && isfileexist(target)) return +rc::exists;
+    if (!overwrite && isfileexist(target)) return rc::exists;
 
-    plugin::path_buffer parent;
+    base::path_buffer parent;
     std::memcpy(parent, target, std::strlen(target) + 1);
     char *slash = std::strrchr(parent, '/');
-    if (slash == nullptr) return +rc::bad_path;
+    if (slash == nullptr) return rc::bad_path;
     *slash = '\0';
-    if (!isfileexist(parent) && make_folders(parent) != 0) return +rc::io;
+    if (!isfileexist(parent) && make_folders(parent) != 0) return rc::io;
 
-    if (check_free_space(statfilesize(source), parent) != 0) return +rc::no_room;
-    if (::access(source, R_OK) != 0) return +rc::no_permission;
-    if (copy_tree(source, target) != 0) return +rc::io;
+    if (check_free_space(statfilesize(source), parent) != 0) return rc::no_room;
+    if (::access(source, R_OK) != 0) return rc::no_permission;
+    if (copy_tree(source, target) != 0) return rc::io;
     ::sync();
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t delete_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::failure;
-    if (!isfileexist(path)) return +rc::not_found;
-    if (::access(path, R_OK | W_OK) != 0) return +rc::no_permission;
+base::rc delete_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!isfileexist(path)) return rc::not_found;
+    if (::access(path, R_OK | W_OK) != 0) return rc::no_permission;
     // Whatever rm manages to remove is gone; its status is not reported.
-    (void)remove_tree(path);
-    return +rc::ok;
+    (void)base::remove_tree(path);
+    return rc::ok;
 }
 
-int32_t create_user_storage_directory(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return +rc::failure;
-    if (isfileexist(path)) return +rc::exists;
+base::rc create_user_storage_directory(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer path;
+    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (isfileexist(path)) return rc::exists;
 
-    plugin::path_buffer parent;
+    base::path_buffer parent;
     std::memcpy(parent, path, std::strlen(path) + 1);
     if (char *slash = std::strrchr(parent, '/'); slash != nullptr) *slash = '\0';
-    if (::access(parent, W_OK) != 0) return +rc::no_permission;
+    if (::access(parent, W_OK) != 0) return rc::no_permission;
 
-    if (::mkdir(path, 0777) == 0) return +rc::ok;
+    if (::mkdir(path, 0777) == 0) return rc::ok;
     return result_for_errno(errno);
 }
 
-int32_t rename_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    plugin::path_buffer old_path;
-    plugin::path_buffer new_path;
-    if (!translated(load_and_translate(old_path, arg(request, 1)))) return +rc::failure;
-    if (!translated(load_and_translate(new_path, arg(request, 2)))) return +rc::failure;
-    if (!isfileexist(old_path)) return +rc::not_found;
-    if (::access(old_path, W_OK) != 0) return +rc::no_permission;
-    if (isfileexist(new_path)) return +rc::exists;
+base::rc rename_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+    base::path_buffer old_path;
+    base::path_buffer new_path;
+    if (!translated(load_and_translate(old_path, arg(request, 1)))) return rc::failure;
+    if (!translated(load_and_translate(new_path, arg(request, 2)))) return rc::failure;
+    if (!isfileexist(old_path)) return rc::not_found;
+    if (::access(old_path, W_OK) != 0) return rc::no_permission;
+    if (isfileexist(new_path)) return rc::exists;
 
     // Whether a file of the new name could be made there at all.
     FILE *probe = std::fopen(new_path, "we");
-    if (probe == nullptr) return +rc::no_permission;
+    if (probe == nullptr) return rc::no_permission;
     std::fclose(probe);
     std::remove(new_path);
 
-    if (std::rename(old_path, new_path) == 0) return +rc::ok;
+    if (std::rename(old_path, new_path) == 0) return rc::ok;
     return result_for_errno(errno);
 }
 

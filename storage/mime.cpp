@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "plugin/export.h"
+#include "base/export.h"
 
 extern "C" {
 

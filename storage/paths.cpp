@@ -16,11 +16,11 @@ namespace {
 
 // The path as the player once copied it through the C library's formatter:
 // a doubled percent sign becomes one, everything else is taken literally.
-bool copy_collapsing_percent(plugin::path_buffer &out, const char *in) noexcept {
+bool copy_collapsing_percent(base::path_buffer &out, const char *in) noexcept {
     std::size_t o = 0;
     for (std::size_t i = 0; in[i] != '\0'; ++i) {
         if (in[i] == '%' && in[i + 1] == '%') ++i;
-        if (o + 1 >= plugin::path_max) return false;
+        if (o + 1 >= base::path_max) return false;
         out[o++] = in[i];
     }
     out[o] = '\0';
@@ -29,7 +29,11 @@ bool copy_collapsing_percent(plugin::path_buffer &out, const char *in) noexcept 
 
 int64_t reserved_area_used_bytes() noexcept {
     // A fixed command line without client text.
-    FILE *pipe = ::popen("du -sL 2> /dev/null /opt/vtrhttpd/localhost.drives/.reserved", "r");
+    char command[64];
+    if (!base::format_into(command, "du -sL 2> /dev/null %.*s", static_cast<int>(reserved_area.size()),
+                           reserved_area.data()))
+        return 0;
+    FILE *pipe = ::popen(command, "r");
     if (pipe == nullptr) return 0;
     long long kib = 0;
     if (std::fscanf(pipe, "%lld", &kib) != 1) kib = 0;
@@ -42,7 +46,7 @@ bool is_under(std::string_view path, std::string_view root) noexcept {
 }
 
 // "." and ".." of an absolute path resolved as text ("/.." stays "/").
-bool normalise_lexically(plugin::path_buffer &out, const char *path) noexcept {
+bool normalise_lexically(base::path_buffer &out, const char *path) noexcept {
     std::size_t o = 0;  // length of out so far; 0 stands for "/"
     for (const char *p = path; *p != '\0';) {
         while (*p == '/') ++p;
@@ -56,7 +60,7 @@ bool normalise_lexically(plugin::path_buffer &out, const char *path) noexcept {
             }
             continue;
         }
-        if (o + 1 + part.size() >= plugin::path_max) return false;
+        if (o + 1 + part.size() >= base::path_max) return false;
         out[o++] = '/';
         std::memcpy(out + o, part.data(), part.size());
         o += part.size();
@@ -68,19 +72,19 @@ bool normalise_lexically(plugin::path_buffer &out, const char *path) noexcept {
 
 // The drives root with its links resolved (the literal root when it does
 // not exist).
-void real_drives_root(plugin::path_buffer &out) noexcept {
-    if (::realpath(drives_root.data(), out) == nullptr) plugin::copy_text(out, drives_root);
+void real_drives_root(base::path_buffer &out) noexcept {
+    if (::realpath(drives_root.data(), out) == nullptr) base::copy_text(out, drives_root);
 }
 
 // The longest existing part of path, resolved through its links, lies
 // inside the drives root.
 bool resolves_inside(const char *path) noexcept {
-    plugin::path_buffer root;
+    base::path_buffer root;
     real_drives_root(root);
-    plugin::path_buffer part;
-    if (!plugin::copy_text(part, path)) return false;
+    base::path_buffer part;
+    if (!base::copy_text(part, path)) return false;
     for (;;) {
-        plugin::path_buffer resolved;
+        base::path_buffer resolved;
         if (::realpath(part, resolved) != nullptr) return is_under(resolved, root);
         if (errno != ENOENT && errno != ENOTDIR) return false;
         char *slash = std::strrchr(part, '/');
@@ -97,16 +101,16 @@ bool resolves_inside(const char *path) noexcept {
 }  // namespace
 
 bool confinement_enabled() noexcept {
-    plugin::unique_malloc<char> value(get_var_mem(confine_variable));
+    base::unique_malloc<char> value(get_var_mem(confine_variable));
     if (value == nullptr) return false;
     const char *v = value.get();
-    return plugin::iequals(v, "1") || plugin::iequals(v, "true") || plugin::iequals(v, "yes") ||
-           plugin::iequals(v, "on");
+    return base::iequals(v, "1") || base::iequals(v, "true") || base::iequals(v, "yes") ||
+           base::iequals(v, "on");
 }
 
 bool path_inside_drives(const char *path) noexcept {
     if (path == nullptr || path[0] != '/') return false;
-    plugin::path_buffer lexical;
+    base::path_buffer lexical;
     if (!normalise_lexically(lexical, path) || !is_under(lexical, drives_root)) return false;
     return resolves_inside(path);
 }
@@ -116,18 +120,18 @@ bool path_allowed(const char *path) noexcept { return !confinement_enabled() || 
 bool link_leads_out(const char *path) noexcept {
     struct stat st;
     if (path == nullptr || ::lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return false;
-    plugin::path_buffer root;
+    base::path_buffer root;
     real_drives_root(root);
-    plugin::path_buffer resolved;
+    base::path_buffer resolved;
     return ::realpath(path, resolved) == nullptr || !is_under(resolved, root);
 }
 
-int32_t translate_storage_path(plugin::path_buffer &path) noexcept {
-    plugin::path_buffer scratch{};
-    if (plugin::is_network_address(path)) {
+int32_t translate_storage_path(base::path_buffer &path) noexcept {
+    base::path_buffer scratch{};
+    if (base::is_network_address(path)) {
         char *local = vtr_get_smb_nfs_network_url(path, 5);
         if (local == nullptr) return untranslatable;
-        bool fits = std::strlen(local) < plugin::path_max && path_allowed(local);
+        bool fits = std::strlen(local) < base::path_max && path_allowed(local);
         if (fits) std::memcpy(path, local, std::strlen(local) + 1);
         std::free(local);
         return fits ? network_path : untranslatable;
@@ -136,7 +140,8 @@ int32_t translate_storage_path(plugin::path_buffer &path) noexcept {
         if (!copy_collapsing_percent(scratch, path)) return untranslatable;
     } else {
         const char *separator = path[0] == '/' ? "" : "/";
-        if (!plugin::format_into(scratch, "/opt/vtrhttpd/localhost.drives%s%s", separator, path))
+        if (!base::format_into(scratch, "%.*s%s%s", static_cast<int>(drives_root.size()), drives_root.data(),
+                               separator, path))
             return untranslatable;
     }
     if (!path_allowed(scratch)) return untranslatable;
@@ -144,24 +149,31 @@ int32_t translate_storage_path(plugin::path_buffer &path) noexcept {
     return local_path;
 }
 
-bool load_path(plugin::path_buffer &buffer, const char *argument) noexcept {
+bool load_path(base::path_buffer &buffer, const char *argument) noexcept {
     if (argument == nullptr) {
         buffer[0] = '\0';
         return false;
     }
-    return plugin::copy_text(buffer, argument);
+    return base::copy_text(buffer, argument);
 }
 
-int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) noexcept {
+int32_t load_and_translate(base::path_buffer &buffer, const char *argument) noexcept {
     if (!load_path(buffer, argument)) return untranslatable;
     return translate_storage_path(buffer);
 }
 
-const char *resolve_network_address(const char *argument, plugin::unique_malloc<char> &holder) noexcept {
-    if (!plugin::is_network_address(argument)) return path_allowed(argument) ? argument : nullptr;
+const char *resolve_network_address(const char *argument, base::unique_malloc<char> &holder) noexcept {
+    if (!base::is_network_address(argument)) return path_allowed(argument) ? argument : nullptr;
     holder.reset(vtr_get_smb_nfs_network_url(argument, 5));
     if (holder != nullptr && !path_allowed(holder.get())) holder.reset();
     return holder.get();
+}
+
+int64_t partition_free_bytes(const char *path) noexcept {
+    long long space[3] = {0, 0, 0};
+    // A drive whose figures cannot be read has no room.
+    if (get_partition_free_space(path, space) != 1) return 0;
+    return space[0];
 }
 
 int32_t check_free_space(uint32_t needed, const char *path) noexcept {
@@ -171,9 +183,7 @@ int32_t check_free_space(uint32_t needed, const char *path) noexcept {
         int64_t used = reserved_area_used_bytes();
         free_bytes = used >= reserved_quota ? 0 : reserved_quota - used;
     } else {
-        long long space[3] = {0, 0, 0};
-        get_partition_free_space(path, space);
-        free_bytes = space[0];
+        free_bytes = partition_free_bytes(path);
     }
     return free_bytes < static_cast<int64_t>(needed) ? 1 : 0;
 }

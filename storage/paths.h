@@ -4,14 +4,21 @@
 #include <cstdint>
 #include <string_view>
 
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 namespace storage {
 
 inline constexpr std::string_view drives_root = "/opt/vtrhttpd/localhost.drives";           // 30
 inline constexpr std::string_view reserved_area = "/opt/vtrhttpd/localhost.drives/.reserved";  // 40
 inline constexpr int64_t reserved_quota = 20971520;  // 20 MiB
+inline constexpr std::string_view cdrom_tree = "/opt/vtrhttpd/localhost.drives/CDROM";
+inline constexpr std::string_view network_share_tree = "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/";
 static_assert(drives_root.size() == 30 && reserved_area.size() == 40);
+// Every fixed place of the drive tree lies below the drives root.
+static_assert(reserved_area.starts_with(drives_root) && cdrom_tree.starts_with(drives_root) &&
+              network_share_tree.starts_with(drives_root));
 
 enum translate_kind : int32_t { untranslatable = -1, network_path = 1, local_path = 2 };
 
@@ -20,22 +27,22 @@ enum translate_kind : int32_t { untranslatable = -1, network_path = 1, local_pat
 // absolute under the drives root, -1 when the address cannot be resolved or
 // the result would not fit (the buffer is then left unchanged). With the
 // confinement switch on, a result outside the drives root is -1 as well.
-int32_t translate_storage_path(plugin::path_buffer &path) noexcept;
+int32_t translate_storage_path(base::path_buffer &path) noexcept;
 
 // Copies a client argument into a path buffer; false when it does not fit
 // (the caller then answers with its translation failure code).
-bool load_path(plugin::path_buffer &buffer, const char *argument) noexcept;
+bool load_path(base::path_buffer &buffer, const char *argument) noexcept;
 
 // load_path followed by translate_storage_path; the translation result, or
 // -1 when the argument is missing or too long.
-int32_t load_and_translate(plugin::path_buffer &buffer, const char *argument) noexcept;
+int32_t load_and_translate(base::path_buffer &buffer, const char *argument) noexcept;
 
 // The local path of an argument that a command uses without translation:
 // the argument itself, or for an "smb://" / "nfs://" address the mount path
 // the network library gives (owned by holder). Null when the address cannot
 // be resolved, or (confinement switch on) when the path is not absolute
 // inside the drives root.
-const char *resolve_network_address(const char *argument, plugin::unique_malloc<char> &holder) noexcept;
+const char *resolve_network_address(const char *argument, base::unique_malloc<char> &holder) noexcept;
 
 // The opt-in confinement switch: the configuration variable
 // "file_operation_confine" set to "1", "true", "yes" or "on" (any case).
@@ -59,5 +66,9 @@ bool link_leads_out(const char *path) noexcept;
 // 0 when `needed` bytes fit at path, 1 when they do not or path is null. The
 // reserved area below the drives root has a fixed 20 MiB quota.
 int32_t check_free_space(uint32_t needed, const char *path) noexcept;
+
+// Bytes available to users on the drive holding path; 0 when the host
+// cannot tell.
+int64_t partition_free_bytes(const char *path) noexcept;
 
 }  // namespace storage

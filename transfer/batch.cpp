@@ -9,9 +9,11 @@
 #include <memory>
 #include <new>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/names.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/paths.h"
 #include "transfer/engine.h"
 #include "transfer/progress.h"
@@ -20,21 +22,21 @@
 namespace transfer {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 constexpr std::size_t label_size = 4096;
 
 struct BatchJob {
-    plugin::unique_fd lock;  // the batch lock, held until the thread ends
+    base::unique_fd lock;  // the batch lock, held until the thread ends
     uint32_t operation = 0;  // 0 copy, 1 move
-    plugin::path_buffer destination{};
+    base::path_buffer destination{};
     char destination_label[label_size]{};
 };
 
 // The end of a batch: empty filename and from, percent 100, whole 101. The
 // batch lock goes first, so a client may start the next batch as soon as it
 // reads this line.
-void send_batch_end(BatchJob &job, int32_t count, int32_t status) noexcept {
+void send_batch_end(BatchJob &job, int32_t count, base::rc status) noexcept {
     job.lock.reset();
     post_transfer_event(job.operation, "", "", job.destination_label, count, count, 100, 101, 0, status);
 }
@@ -52,28 +54,26 @@ bool copies_into_itself(const char *source, const char *destination) noexcept {
 // Removes a moved source after its copy: "rm -rf" without a shell.
 void remove_source(const char *path) noexcept {
     const char *argv[] = {"rm", "-rf", "--", path, nullptr};
-    (void)plugin::run_program(argv);
+    (void)base::run_program(argv);
 }
 
 void run_batch(BatchJob &job) noexcept {
     const char *to = job.destination_label;
-    post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, 0);
+    post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, rc::ok);
     TransferProgress progress;
     progress.permission_kind = write_permission(job.destination);
     if (progress.permission_kind == 0) {
-        post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, +rc::read_only);
-        send_batch_end(job, 0, +rc::io);
+        post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, rc::read_only);
+        send_batch_end(job, 0, rc::io);
         return;
     }
-    plugin::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    base::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
-        send_batch_end(job, 0, 0);
+        send_batch_end(job, 0, rc::ok);
         return;
     }
     const int fd = list.get();
-    long long space[3] = {0, 0, 0};
-    get_partition_free_space(job.destination, space);
-    int64_t free_bytes = space[0];
+    int64_t free_bytes = storage::partition_free_bytes(job.destination);
     progress.total = count_selected_records(fd);
     ::lseek(fd, 0, SEEK_SET);
     progress.whole_done = 0;
@@ -83,9 +83,9 @@ void run_batch(BatchJob &job) noexcept {
 
     const bool move = job.operation == op_move;
     bool failed = false;
-    int32_t last = 0;
-    plugin::path_buffer source{};
-    plugin::path_buffer target{};
+    rc last = rc::ok;
+    base::path_buffer source{};
+    base::path_buffer target{};
     char label[label_size] = {};
     copy_ring ring;  // buffers and readers shared by the batch's files
     // The private file changes only here; the count bounds the walk all the
@@ -93,7 +93,7 @@ void run_batch(BatchJob &job) noexcept {
     int32_t taken = 0;
     while (taken < progress.total && get_filename(fd, source, sizeof source, label) == 1) {
         ++taken;
-        auto send = [&](int32_t percent, int32_t status) noexcept {
+        auto send = [&](int32_t percent, rc status) noexcept {
             post_transfer_event(job.operation, base_name(source), label, to, progress.item, progress.total, percent,
                                 percent_of(progress.whole_done, progress.whole_total),
                                 compute_time_left(progress.whole_done, progress.whole_total), status);
@@ -102,15 +102,15 @@ void run_batch(BatchJob &job) noexcept {
             // A forged record, a path outside the confined drives root or a
             // link leading out of it: reported and skipped.
             failed = true;
-            send(percent_of(progress.item_done, progress.item_total), +rc::bad_path);
-            last = +rc::bad_path;
+            send(percent_of(progress.item_done, progress.item_total), rc::bad_path);
+            last = rc::bad_path;
             continue;
         }
         if (isfileexist(source) == 0) {
             // The figures are still those of the previous entry.
             failed = true;
-            send(percent_of(progress.item_done, progress.item_total), +rc::missing_source);
-            last = +rc::missing_source;
+            send(percent_of(progress.item_done, progress.item_total), rc::missing_source);
+            last = rc::missing_source;
             continue;
         }
         ++progress.item;
@@ -118,8 +118,8 @@ void run_batch(BatchJob &job) noexcept {
         progress.item_done = 0;
         progress.item_total = filesize64(source);
         if (free_bytes < progress.item_total) {
-            send(percent_of(progress.item_done, progress.item_total), +rc::no_space);
-            last = +rc::no_space;
+            send(percent_of(progress.item_done, progress.item_total), rc::no_space);
+            last = rc::no_space;
             break;
         }
         progress.step = report_step(progress.item_total);
@@ -136,12 +136,12 @@ void run_batch(BatchJob &job) noexcept {
         }
         if (name != nullptr) {
             if (!make_target_path(target, job.destination, name, !move)) {
-                send(percent_of(progress.item_done, progress.item_total), +rc::bad_path);
-                last = +rc::bad_path;
+                send(percent_of(progress.item_done, progress.item_total), rc::bad_path);
+                last = rc::bad_path;
             } else if (copies_into_itself(source, job.destination) ||
                        (move && (std::strcmp(target, source) == 0 || isfileexist(target) != 0))) {
-                send(percent_of(progress.item_done, progress.item_total), +rc::bad_path);
-                last = +rc::bad_path;
+                send(percent_of(progress.item_done, progress.item_total), rc::bad_path);
+                last = rc::bad_path;
             } else if (move && samerootdrive(source, target, 0) != 0) {
                 last = move_by_rename(source, target, progress, label, to);
             } else {
@@ -151,21 +151,21 @@ void run_batch(BatchJob &job) noexcept {
                 } else {
                     last = copy_file_with_progress(source, target, progress, job.operation, label, to, &ring);
                 }
-                if (move && last == 0) {
+                if (move && last == rc::ok) {
                     // The copy reaches the disk before its source goes.
                     ::sync();
                     remove_source(source);
                 }
             }
-            if (last == 0) {
+            if (last == rc::ok) {
                 mark_record_done(fd, source, label);
                 (void)::lchown(target, 1001, 1001);
                 free_bytes -= progress.item_total;
             }
         }
-        if (last == +rc::io) break;
-        if (last == +rc::bad_path || last == +rc::open_failed || last == +rc::write_failed ||
-            last == +rc::reopen_failed)
+        if (last == rc::io) break;
+        if (last == rc::bad_path || last == rc::open_failed || last == rc::write_failed ||
+            last == rc::reopen_failed)
             failed = true;
         ::sync();
     }
@@ -173,8 +173,8 @@ void run_batch(BatchJob &job) noexcept {
     list.reset();
     // As designed, a batch whose last entry failed keeps its records (the
     // finished ones flagged "0") so that the same command can resume.
-    return_selection(last != 0);
-    send_batch_end(job, progress.total, last == 0 && !failed ? 0 : +rc::io);
+    return_selection(last != rc::ok);
+    send_batch_end(job, progress.total, last == rc::ok && !failed ? rc::ok : rc::io);
 }
 
 void *batch_thread(void *argument) noexcept {
@@ -185,47 +185,47 @@ void *batch_thread(void *argument) noexcept {
 
 }  // namespace
 
-int32_t start_batch(plugin::unique_fd &lock, void *(*body)(void *), void *job) noexcept {
+base::rc start_batch(base::unique_fd &lock, void *(*body)(void *), void *job) noexcept {
     bool busy = false;
     lock = lock_batch(&busy);
-    if (!lock.valid()) return busy ? +rc::busy : +rc::io;
+    if (!lock.valid()) return busy ? rc::busy : rc::io;
     // Taken before the answer: later selections start a new list.
     (void)take_selection();
     pthread_t thread;
     if (::pthread_create(&thread, nullptr, body, job) != 0) {
         return_selection(true);
-        return +rc::io;
+        return rc::io;
     }
     ::pthread_detach(thread);
-    return +rc::ok;
+    return rc::ok;
 }
 
-int32_t copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request,
+base::rc copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request,
                                          int move) noexcept {
     const char *argument = request->args->argv[1];
-    if (argument == nullptr || argument[0] == '\0') return +rc::bad_argument;
+    if (argument == nullptr || argument[0] == '\0') return rc::bad_argument;
     char label[label_size] = {};
-    plugin::unique_malloc<char> translated;
+    base::unique_malloc<char> translated;
     const char *destination = storage::resolve_network_address(argument, translated);
-    if (destination == nullptr) return +rc::bad_argument;
+    if (destination == nullptr) return rc::bad_argument;
     if (translated != nullptr) {
         listing::share_display_name(argument, label);
     } else {
         listing::drive_display_name(argument, label);
     }
-    if (isdir(destination) == 0) return +rc::bad_argument;
-    if (write_permission(destination) == 0) return +rc::read_only;
+    if (isdir(destination) == 0) return rc::bad_argument;
+    if (write_permission(destination) == 0) return rc::read_only;
 
     std::unique_ptr<BatchJob> job(new (std::nothrow) BatchJob);
-    if (job == nullptr) return +rc::io;
+    if (job == nullptr) return rc::io;
     job->operation = move == 1 ? op_move : op_copy;
     // Entries' target paths are built from the destination in a 4096-byte
     // buffer; a longer one could name no entry.
-    if (!plugin::copy_text(job->destination, destination)) return +rc::bad_argument;
-    plugin::copy_text(job->destination_label, label);
-    if (int32_t r = start_batch(job->lock, batch_thread, job.get()); r != +rc::ok) return r;
+    if (!base::copy_text(job->destination, destination)) return rc::bad_argument;
+    base::copy_text(job->destination_label, label);
+    if (rc r = start_batch(job->lock, batch_thread, job.get()); r != rc::ok) return r;
     (void)job.release();  // the thread owns it now
-    return +rc::ok;
+    return rc::ok;
 }
 
 }  // namespace transfer

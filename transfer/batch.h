@@ -4,15 +4,18 @@
 
 #include <cstdint>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "platform/host_api.h"
-#include "plugin/util.h"
 
 namespace transfer {
 
 // copy_user_storage_file_from_list (move 0) and
 // move_user_storage_file_from_list (move 1): argv[1] destination folder.
 // 0 when the batch was started, 8, 60 or 4.
-int32_t copy_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request,
+base::rc copy_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request,
                                          int move) noexcept;
 
 // Starts a batch: takes the batch lock into `lock` (a member of job, so
@@ -20,11 +23,11 @@ int32_t copy_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRe
 // detached thread, which owns job from then on. 0; 2 while another batch
 // runs; 4 when the lock or the thread cannot be had (the selection is then
 // given back and job is still the caller's).
-int32_t start_batch(plugin::unique_fd &lock, void *(*body)(void *), void *job) noexcept;
+base::rc start_batch(base::unique_fd &lock, void *(*body)(void *), void *job) noexcept;
 
 // delete_user_storage_file_from_list: optional argv[1] "true" also removes
 // the companion files. 0 when the batch was started, else 4.
-int32_t delete_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc delete_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 // Report step of an entry of item_total bytes: a hundredth above 1 GiB,
 // 16 MiB above 31 MiB, else 0 (start and end only).
@@ -36,6 +39,6 @@ constexpr int64_t report_step(int64_t item_total) noexcept {
 
 // The status of a failed removal in the delete events, or 0 when the error
 // stops the delete walk.
-int32_t delete_status_for(int error) noexcept;
+base::rc delete_status_for(int error) noexcept;
 
 }  // namespace transfer

@@ -13,10 +13,12 @@
 #include <new>
 #include <string_view>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "media/disc.h"
 #include "platform/host_api.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 #include "transfer/batch.h"
@@ -28,14 +30,14 @@
 namespace transfer {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 constexpr std::array<const char *, 9> companion_suffixes{
     ".fanart.jpg", ".jpg", ".nfo", ".ass", ".idx", ".ssa", ".smi", ".srt", ".sub",
 };
 
 struct DeleteJob {
-    plugin::unique_fd lock;   // the batch lock, held until the thread ends
+    base::unique_fd lock;   // the batch lock, held until the thread ends
     bool companions = false;  // the request's switch was exactly "true"
 };
 
@@ -43,23 +45,23 @@ struct DeleteJob {
 // of their event.
 struct delete_error {
     int error;
-    int32_t status;
+    base::rc status;
 };
 constexpr std::array<delete_error, 6> listed_errors{{
-    {ENOENT, +rc::missing_source},
-    {EACCES, +rc::no_permission},
-    {ETXTBSY, +rc::busy},
-    {EBUSY, +rc::busy},
-    {EROFS, +rc::read_only},
-    {EEXIST, +rc::read_only},
+    {ENOENT, rc::missing_source},
+    {EACCES, rc::no_permission},
+    {ETXTBSY, rc::busy},
+    {EBUSY, rc::busy},
+    {EROFS, rc::read_only},
+    {EEXIST, rc::read_only},
 }};
 
 // base + each companion suffix, removed one after the other; results
 // ignored.
 void remove_companions(std::string_view base) noexcept {
     for (const char *suffix : companion_suffixes) {
-        plugin::path_buffer companion;
-        if (plugin::format_into(companion, "%.*s%s", static_cast<int>(base.size()), base.data(), suffix))
+        base::path_buffer companion;
+        if (base::format_into(companion, "%.*s%s", static_cast<int>(base.size()), base.data(), suffix))
             (void)::unlink(companion);
     }
 }
@@ -71,7 +73,7 @@ void remove_companions(std::string_view base) noexcept {
 void remove_visible_contents(const char *folder) noexcept {
     int fd = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return;
-    plugin::unique_dir dir(::fdopendir(fd));
+    base::unique_dir dir(::fdopendir(fd));
     if (dir == nullptr) {
         ::close(fd);
         return;
@@ -88,14 +90,14 @@ void remove_visible_contents(const char *folder) noexcept {
             (void)::unlinkat(dfd, e->d_name, 0);
             continue;
         }
-        plugin::path_buffer child;
+        base::path_buffer child;
         const char *separator = folder[0] != '\0' && folder[std::strlen(folder) - 1] == '/' ? "" : "/";
-        if (!plugin::format_into(child, "%s%s%s", folder, separator, e->d_name)) continue;
+        if (!base::format_into(child, "%s%s%s", folder, separator, e->d_name)) continue;
         const char *argv[] = {"rm", "-rf", "--", child, nullptr};
-        plugin::spawn_options quiet;
+        base::spawn_options quiet;
         quiet.quiet_stdout = true;
         quiet.quiet_stderr = true;
-        (void)plugin::run_program(argv, quiet);
+        (void)base::run_program(argv, quiet);
     }
 }
 
@@ -123,10 +125,10 @@ int remove_entry(const char *path, bool companions) noexcept {
 }
 
 void run_delete(DeleteJob &job) noexcept {
-    plugin::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    base::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
         job.lock.reset();
-        post_transfer_event(op_delete, "", "", "", 0, 0, 0, 101, 0, 0);
+        post_transfer_event(op_delete, "", "", "", 0, 0, 0, 101, 0, rc::ok);
         return;
     }
     const int fd = list.get();
@@ -134,7 +136,7 @@ void run_delete(DeleteJob &job) noexcept {
     const int32_t total = count_selected_records(fd);
     ::lseek(fd, 0, SEEK_SET);
 
-    plugin::path_buffer path{};
+    base::path_buffer path{};
     char label[4096] = {};
     int32_t item = 0;
     int last_error = 0;
@@ -147,7 +149,7 @@ void run_delete(DeleteJob &job) noexcept {
         if (taken >= total || get_filename(fd, path, sizeof path, label) == 0) {
             // The last pass removes the (private) selection file itself.
             going_on = false;
-            plugin::copy_text(path, batch_selection_file);
+            base::copy_text(path, batch_selection_file);
         }
         if (going_on) {
             ++taken;
@@ -155,21 +157,21 @@ void run_delete(DeleteJob &job) noexcept {
                 // A forged record (or, confined, a path outside the drives
                 // root): reported and skipped.
                 failed = true;
-                post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, +rc::bad_path);
+                post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, rc::bad_path);
                 continue;
             }
             ++item;
-            if (item == 1) post_transfer_event(op_delete, base_name(path), label, "", 1, total, 0, 0, 0, 0);
+            if (item == 1) post_transfer_event(op_delete, base_name(path), label, "", 1, total, 0, 0, 0, rc::ok);
         }
         last_error = remove_entry(path, job.companions && going_on);
         if (last_error == 0) {
             if (!going_on) break;
             mark_record_done(fd, path, label);
-            post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, 0);
+            post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, rc::ok);
             continue;
         }
-        const int32_t status = delete_status_for(last_error);
-        if (status == 0) {
+        const rc status = delete_status_for(last_error);
+        if (status == rc::ok) {
             stopped = going_on;  // the walk stops here, the selection stays
             going_on = false;
             break;
@@ -182,8 +184,8 @@ void run_delete(DeleteJob &job) noexcept {
     return_selection(stopped);
     job.lock.reset();  // a client may start the next batch once it reads the end
     ::sync();
-    if (last_error != 0) post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, +rc::io);
-    post_transfer_event(op_delete, "", "", "", item, total, 0, 101, 0, last_error != 0 || failed ? +rc::io : 0);
+    if (last_error != 0) post_transfer_event(op_delete, base_name(path), label, "", item, total, 0, whole(), 0, rc::io);
+    post_transfer_event(op_delete, "", "", "", item, total, 0, 101, 0, last_error != 0 || failed ? rc::io : rc::ok);
 }
 
 void *delete_thread(void *argument) noexcept {
@@ -194,21 +196,21 @@ void *delete_thread(void *argument) noexcept {
 
 }  // namespace
 
-int32_t delete_status_for(int error) noexcept {
+base::rc delete_status_for(int error) noexcept {
     for (const delete_error &row : listed_errors)
         if (row.error == error) return row.status;
-    return 0;
+    return rc::ok;
 }
 
-int32_t delete_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+base::rc delete_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     std::unique_ptr<DeleteJob> job(new (std::nothrow) DeleteJob);
-    if (job == nullptr) return +rc::io;
+    if (job == nullptr) return rc::io;
     // The request's text dies with the request: decide now.
     job->companions = request->args->argc >= 2 && request->args->argv[1] != nullptr &&
                       std::strcmp(request->args->argv[1], "true") == 0;
-    if (int32_t r = start_batch(job->lock, delete_thread, job.get()); r != +rc::ok) return r;
+    if (rc r = start_batch(job->lock, delete_thread, job.get()); r != rc::ok) return r;
     (void)job.release();  // the thread owns it now
-    return +rc::ok;
+    return rc::ok;
 }
 
 }  // namespace transfer

@@ -19,9 +19,9 @@
 #include <string_view>
 #include <vector>
 
+#include "base/result.h"
 #include "listing/order.h"
 #include "platform/host_api.h"
-#include "plugin/result.h"
 #include "storage/paths.h"
 
 namespace transfer {
@@ -30,7 +30,7 @@ std::atomic<int> quiet_file_start{0};
 
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 constexpr int64_t sixteen_mib = 16777216;
 constexpr uid_t user_owner = 1001;
@@ -46,14 +46,14 @@ struct reporter {
     const char *to;
 
     // An event whose figures leave out `unread` bytes of the counts.
-    void send(int32_t percent, int64_t unread, int32_t status) const noexcept {
+    void send(int32_t percent, int64_t unread, base::rc status) const noexcept {
         const int64_t whole_done = progress.whole_done - unread;
         post_transfer_event(operation, filename, from, to, progress.item, progress.total, percent,
                             percent_of(whole_done, progress.whole_total),
                             compute_time_left(whole_done, progress.whole_total), status);
     }
     // Item percent, whole percent and time left as they stand.
-    void send_current(int32_t status) const noexcept {
+    void send_current(base::rc status) const noexcept {
         send(percent_of(progress.item_done, progress.item_total), 0, status);
     }
 };
@@ -139,7 +139,7 @@ enum prefetch_state { pf_free, pf_queued, pf_reading, pf_ready };
 // would open it, and its bytes. The direct-read test's outcome waits for
 // the batch thread, which reports it when it copies the file.
 struct prefetch_record {
-    plugin::path_buffer path;
+    base::path_buffer path;
     prefetch_state state = pf_free;
     uint64_t order = 0;
     int fd = -1;
@@ -294,7 +294,7 @@ bool request_prefetch(ring_state &r, const char *path) noexcept {
     ::pthread_mutex_lock(&r.mutex);
     for (int j = 0; j + 1 < r.slots; ++j) {  // record j reads into buffer j + 1
         prefetch_record &f = r.ahead[j];
-        if (r.fd >= 0 || f.state != pf_free || !plugin::copy_text(f.path, path)) continue;
+        if (r.fd >= 0 || f.state != pf_free || !base::copy_text(f.path, path)) continue;
         f.state = pf_queued;
         f.order = r.queued++;
         queued = true;
@@ -449,9 +449,9 @@ struct file_copy {
     int64_t threshold = 0;
     int64_t steps_done = 0;
     int64_t remaining = 0;
-    int32_t code = 0;
-    plugin::unique_fd in{-1};
-    plugin::unique_fd out{-1};
+    rc code = rc::ok;
+    base::unique_fd in{-1};
+    base::unique_fd out{-1};
     bool direct_read = false;
     bool direct_write = false;
     bool cached_write = false;
@@ -484,12 +484,12 @@ void open_files(file_copy &c) noexcept {
         c.in.reset(open_maybe_direct(c.source, source_flags, &c.direct_read));
     }
     if (!c.in.valid()) {
-        c.code = +rc::open_failed;
+        c.code = rc::open_failed;
         return;
     }
     c.direct_write = std::strstr(c.target, "SATA_") == nullptr;
     c.out.reset(open_maybe_direct(c.target, target_flags, &c.direct_write));
-    if (!c.out.valid()) c.code = +rc::open_failed;
+    if (!c.out.valid()) c.code = rc::open_failed;
 }
 
 // The direct-read test. A file that fits one buffer is read whole by it
@@ -528,7 +528,7 @@ void test_direct_read(file_copy &c) noexcept {
     std::fputs("read  - Normal read !!!\n", stderr);
     c.direct_read = false;
     c.in.reset(::open(c.source, source_flags));
-    if (!c.in.valid()) c.code = +rc::reopen_failed;
+    if (!c.in.valid()) c.code = rc::reopen_failed;
 }
 
 void send_start(file_copy &c) noexcept {
@@ -537,7 +537,7 @@ void send_start(file_copy &c) noexcept {
     // reads 0.
     const TransferProgress &p = c.progress;
     const int32_t percent = p.item_total == 0 ? 0 : static_cast<int32_t>((p.item_done - c.size) / p.item_total);
-    c.report.send(percent, c.size, 0);
+    c.report.send(percent, c.size, rc::ok);
 }
 
 // Writes chunk k (got bytes); false with the code set when it failed.
@@ -547,7 +547,7 @@ bool write_chunk_of(file_copy &c, int64_t k, const char *data, ssize_t got) noex
         // Direct transfers need whole aligned blocks: the tail goes
         // through the cache.
         if (::fcntl(c.out.get(), F_SETFL, 0) != 0) {  // O_DIRECT off
-            c.code = +rc::write_failed;
+            c.code = rc::write_failed;
             return false;
         }
         c.direct_write = false;
@@ -564,7 +564,7 @@ bool write_chunk_of(file_copy &c, int64_t k, const char *data, ssize_t got) noex
     c.first_write = false;
     if (put >= 1) return true;
     std::fprintf(stderr, "write error=%d %d\n", errno, static_cast<int>(put));
-    c.code = +rc::write_failed;
+    c.code = rc::write_failed;
     return false;
 }
 
@@ -574,7 +574,7 @@ void report_progress(file_copy &c) noexcept {
     const TransferProgress &p = c.progress;
     const int64_t percent = p.step == sixteen_mib ? (p.item_done - c.threshold) * 100 / p.item_total : c.steps_done + 1;
     c.steps_done = percent;
-    c.report.send(static_cast<int32_t>(percent), c.threshold, 0);
+    c.report.send(static_cast<int32_t>(percent), c.threshold, rc::ok);
     c.threshold -= p.step;
 }
 
@@ -585,7 +585,7 @@ void copy_chunks(file_copy &c) noexcept {
     const auto chunk = static_cast<int64_t>(r.slot_size);
     const bool ahead = c.prefetched < 0 || c.prefetched == chunk;
     if (ahead && c.size > chunk) start_reading(r, c.in.get(), c.size, c.prefetched < 0 ? 0 : 1);
-    for (int64_t k = 0; c.code == 0; ++k) {
+    for (int64_t k = 0; c.code == rc::ok; ++k) {
         int error = 0;
         ssize_t got;
         if (k == 0 && c.prefetched >= 0) {
@@ -596,7 +596,7 @@ void copy_chunks(file_copy &c) noexcept {
         if (got < 0) {
             // A read error is not the end of the file: the copy is
             // incomplete and a move must keep its source.
-            c.code = +rc::open_failed;
+            c.code = rc::open_failed;
             break;
         }
         if (got < 1) break;
@@ -618,10 +618,10 @@ void close_files(file_copy &c) noexcept {
     if (c.in.valid() && !c.direct_read) (void)::posix_fadvise(c.in.get(), 0, 0, POSIX_FADV_DONTNEED);
     c.in.reset();
     if (!c.out.valid()) return;
-    if (c.cached_write && c.code == 0) defer_cached_target(c.ring, c.out.get());
-    if (!c.out.close_checked() && c.code == 0) {
+    if (c.cached_write && c.code == rc::ok) defer_cached_target(c.ring, c.out.get());
+    if (!c.out.close_checked() && c.code == rc::ok) {
         std::fprintf(stderr, "write error=%d %d\n", errno, -1);
-        c.code = +rc::write_failed;
+        c.code = rc::write_failed;
     }
 }
 
@@ -647,39 +647,39 @@ const char *base_name(const char *path) noexcept {
     return slash == nullptr ? "" : slash + 1;
 }
 
-int32_t copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
+base::rc copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
                                 uint32_t operation, const char *from, const char *to, copy_ring *ring) noexcept {
     const reporter report{progress, operation, base_name(source), from, to};
     const int64_t size = filesize64(source);
     ring_state *const shared = ring != nullptr ? ring->state : nullptr;
     prefetch_record *const ahead = shared != nullptr ? claim_prefetch(*shared, source, size) : nullptr;
     if (size == 0) {
-        plugin::unique_fd empty(::open(target, target_flags, 0777));
-        if (empty.valid() && empty.close_checked()) return +rc::ok;
+        base::unique_fd empty(::open(target, target_flags, 0777));
+        if (empty.valid() && empty.close_checked()) return rc::ok;
     }
     if (size <= 0 || !fits_destination(progress.permission_kind, size)) {
         if (ahead != nullptr) release_prefetch(*shared, *ahead, false);
-        report.send_current(+rc::io);
-        return +rc::io;
+        report.send_current(rc::io);
+        return rc::io;
     }
     copy_ring own;
     ring_state *buffers = ring_of(ring, own);
     if (buffers == nullptr) {
-        report.send_current(+rc::io);
-        return +rc::io;
+        report.send_current(rc::io);
+        return rc::io;
     }
     file_copy c{.report = report, .progress = progress, .source = source, .target = target, .ring = *buffers, .size = size};
     c.ahead = ahead;
     plan_reports(c);
     open_files(c);
-    if (c.code == 0) test_direct_read(c);
-    if (c.code == 0 && c.direct_write) std::fputs("write - Using DIRECT IO !!!\n", stderr);
-    if (c.code == 0) send_start(c);
-    if (c.code == 0) copy_chunks(c);
-    if (c.remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, 0);
+    if (c.code == rc::ok) test_direct_read(c);
+    if (c.code == rc::ok && c.direct_write) std::fputs("write - Using DIRECT IO !!!\n", stderr);
+    if (c.code == rc::ok) send_start(c);
+    if (c.code == rc::ok) copy_chunks(c);
+    if (c.remaining == 0) report.send(percent_of(progress.item_done, progress.item_total), 0, rc::ok);
     close_files(c);
     if (c.ahead != nullptr) release_prefetch(*buffers, *c.ahead, true);
-    if (c.code == 0) return +rc::ok;
+    if (c.code == rc::ok) return rc::ok;
     report.send(percent_of(progress.item_done - c.remaining, progress.item_total), c.remaining, c.code);
     return c.code;
 }
@@ -697,7 +697,7 @@ struct folder_entry {
 bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcept {
     int fd = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return false;
-    plugin::unique_dir dir(::fdopendir(fd));
+    base::unique_dir dir(::fdopendir(fd));
     if (dir == nullptr) {
         ::close(fd);
         return false;
@@ -741,9 +741,9 @@ void read_files_ahead(copy_ring &ring, walk_position &next, walk_position end, c
                       std::size_t folder_length) noexcept {
     ring_state *r = ring.state;
     if (r == nullptr) return;
-    plugin::path_buffer path;
+    base::path_buffer path;
     for (; next != end && !next->is_folder; ++next) {
-        if (next->d_type != DT_REG || folder_length + next->name.size() >= plugin::path_max) continue;
+        if (next->d_type != DT_REG || folder_length + next->name.size() >= base::path_max) continue;
         std::memcpy(path, folder, folder_length);
         std::memcpy(path + folder_length, next->name.c_str(), next->name.size() + 1);
         if (!request_prefetch(*r, path)) return;
@@ -752,7 +752,7 @@ void read_files_ahead(copy_ring &ring, walk_position &next, walk_position end, c
 
 }  // namespace
 
-int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buffer &target,
+base::rc copy_folder_with_progress(base::path_buffer &source, base::path_buffer &target,
                                   TransferProgress &progress, uint32_t operation, const char *from,
                                   const char *to, copy_ring *ring) noexcept {
     copy_ring own;  // every file of the tree shares one ring
@@ -760,13 +760,13 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
     const reporter report{progress, operation, base_name(source), from, to};
     std::size_t source_length = std::strlen(source);
     std::size_t target_length = std::strlen(target);
-    if (source_length >= plugin::path_max - 1 || target_length >= plugin::path_max - 1) {
-        report.send_current(+rc::bad_path);
-        return +rc::bad_path;
+    if (source_length >= base::path_max - 1 || target_length >= base::path_max - 1) {
+        report.send_current(rc::bad_path);
+        return rc::bad_path;
     }
     if (::mkdir(target, 0777) != 0) {
-        report.send_current(+rc::io);
-        return +rc::io;
+        report.send_current(rc::io);
+        return rc::io;
     }
     progress.item_done += 4096;
     progress.whole_done += 4096;
@@ -779,17 +779,17 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
         std::fprintf(stderr, "source[%s] no contents\n", source);
         // Nothing was copied: a move must not remove this source.
         quiet_file_start.store(0, std::memory_order_relaxed);
-        report.send_current(+rc::open_failed);
-        return +rc::open_failed;
+        report.send_current(rc::open_failed);
+        return rc::open_failed;
     }
     if (ring_state *r = ring_of(ring, own)) start_readers(*r);
     walk_position ahead = entries.rbegin();
-    int32_t result = 0;
-    for (auto e = entries.rbegin(); e != entries.rend() && result == 0; ++e) {
+    rc result = rc::ok;
+    for (auto e = entries.rbegin(); e != entries.rend() && result == rc::ok; ++e) {
         if (ahead < e) ahead = e;
         read_files_ahead(*ring, ahead, entries.rend(), source, source_length);
         const std::size_t name_length = e->name.size();
-        if (source_length + name_length >= plugin::path_max || target_length + name_length >= plugin::path_max)
+        if (source_length + name_length >= base::path_max || target_length + name_length >= base::path_max)
             continue;
         std::memcpy(source + source_length, e->name.c_str(), name_length + 1);
         if ((e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) && storage::link_leads_out(source)) {
@@ -809,36 +809,36 @@ int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buff
     return result;
 }
 
-int32_t move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,
+base::rc move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,
                        const char *to) noexcept {
     const reporter report{progress, op_move, base_name(source), from, to};
     if (isfileexist(source) == 0) {
-        report.send(0, 0, +rc::missing_source);
-        return +rc::missing_source;
+        report.send(0, 0, rc::missing_source);
+        return rc::missing_source;
     }
-    report.send(0, 0, 0);
+    report.send(0, 0, rc::ok);
     const char *argv[] = {"mv", "--", source, target, nullptr};
-    plugin::spawn_options quiet;
+    base::spawn_options quiet;
     quiet.quiet_stderr = true;
-    if (plugin::run_program(argv, quiet) != 0) {
-        report.send(0, 0, +rc::io);
-        return +rc::io;
+    if (base::run_program(argv, quiet) != 0) {
+        report.send(0, 0, rc::io);
+        return rc::io;
     }
     progress.item_done = progress.item_total;
     progress.whole_done += progress.item_total;
-    report.send(100, 0, 0);
-    return +rc::ok;
+    report.send(100, 0, rc::ok);
+    return rc::ok;
 }
 
 bool make_target_path(std::span<char> out, char *folder, const char *name, bool unique) noexcept {
     std::size_t length = std::strlen(folder);
     if (length > 0 && folder[length - 1] == '/') folder[length - 1] = '\0';
     const char *separator = name[0] == '/' ? "" : "/";
-    if (!plugin::format_into(out, "%s%s%s", folder, separator, name)) return false;
+    if (!base::format_into(out, "%s%s%s", folder, separator, name)) return false;
     if (!unique || isfileexist(out.data()) == 0) return true;
     const char *bare = name[0] == '/' ? name + 1 : name;
     for (int counter = 1; counter > 0; ++counter) {
-        if (!plugin::format_into(out, "%s/copy_%d_of_%s", folder, counter, bare)) return false;
+        if (!base::format_into(out, "%s/copy_%d_of_%s", folder, counter, bare)) return false;
         if (isfileexist(out.data()) == 0) return true;
     }
     return false;

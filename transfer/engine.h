@@ -7,7 +7,10 @@
 #include <cstdint>
 #include <span>
 
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "transfer/progress.h"
 
 namespace transfer {
@@ -46,18 +49,18 @@ inline void finish_copy_ring(copy_ring &ring) noexcept {
 
 // Copies one regular file. 0, 4, 27, 29 or 30. Without a ring the call
 // makes its own.
-int32_t copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
+base::rc copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
                                 uint32_t operation, const char *from, const char *to,
                                 copy_ring *ring = nullptr) noexcept;
 
 // Copies a folder tree; source and target are 4096-byte working buffers,
 // extended and restored in place. 0, 4, 11, or a failing file's code.
-int32_t copy_folder_with_progress(plugin::path_buffer &source, plugin::path_buffer &target,
+base::rc copy_folder_with_progress(base::path_buffer &source, base::path_buffer &target,
                                   TransferProgress &progress, uint32_t operation, const char *from,
                                   const char *to, copy_ring *ring = nullptr) noexcept;
 
 // Moves within one drive with "mv". 0, 4 or 12.
-int32_t move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,
+base::rc move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,
                        const char *to) noexcept;
 
 // Target path of an entry: folder (one trailing "/" removed from the

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "plugin/export.h"
-#include "plugin/util.h"
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 extern "C" {
 FILEOP_EXPORT struct timeval start_copy_time = {0, 0};
@@ -18,7 +20,7 @@ namespace transfer {
 namespace {
 
 // Filename, two labels and the fixed part of the line.
-constexpr std::size_t event_line_max = plugin::path_max * 3 + 512;
+constexpr std::size_t event_line_max = base::path_max * 3 + 512;
 
 int32_t not_negative(int32_t v) noexcept { return v < 0 ? 0 : v; }
 
@@ -36,10 +38,10 @@ void write_whole(int fd, const char *text, std::size_t length) noexcept {
 
 void post_transfer_event(uint32_t operation, const char *filename, const char *from, const char *to,
                          int32_t item, int32_t total, int32_t percent, int32_t whole, int32_t time_left,
-                         int32_t status) noexcept {
+                         base::rc status) noexcept {
     // Non-blocking open: a missing pipe or one without a reader drops the
     // event instead of holding up the batch.
-    plugin::unique_fd pipe(::open(framework_pipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    base::unique_fd pipe(::open(framework_pipe, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     if (!pipe.valid()) return;
     int flags = ::fcntl(pipe.get(), F_GETFL);
     if (flags >= 0) ::fcntl(pipe.get(), F_SETFL, flags & ~O_NONBLOCK);
@@ -50,18 +52,18 @@ void post_transfer_event(uint32_t operation, const char *filename, const char *f
     if (from == nullptr) from = "";
     if (to == nullptr) to = "";
     if (operation == op_delete) {
-        fits = plugin::format_into(line,
+        fits = base::format_into(line,
                                    "swf=<event>delete_from_list</event><filename>%s</filename><from>%s</from>"
                                    "<item>%d</item><total>%d</total><whole>%d</whole><status>%d</status>\n",
-                                   filename, from, item, total, not_negative(whole), status);
+                                   filename, from, item, total, not_negative(whole), base::to_host(status));
     } else {
-        fits = plugin::format_into(
+        fits = base::format_into(
             line,
             "swf=<event>%s_from_list</event><filename>%s</filename><from>%s</from><to>%s</to>"
             "<item>%d</item><total>%d</total><percent>%d</percent><whole>%d</whole>"
             "<time_left>%d</time_left><status>%d</status>\n",
             operation == op_move ? "move" : "copy", filename, from, to, item, total, not_negative(percent),
-            not_negative(whole), time_left, status);
+            not_negative(whole), time_left, base::to_host(status));
     }
     if (!fits) return;  // cannot happen with path-sized fields
     write_whole(pipe.get(), line, std::strlen(line));

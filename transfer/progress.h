@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "base/result.h"
+
 namespace transfer {
 
 inline constexpr const char *framework_pipe = "/tmp/vtr_framework_pipe";
@@ -30,7 +32,7 @@ struct TransferProgress {
 // Negative percent and whole values are sent as 0.
 void post_transfer_event(uint32_t operation, const char *filename, const char *from, const char *to,
                          int32_t item, int32_t total, int32_t percent, int32_t whole, int32_t time_left,
-                         int32_t status) noexcept;
+                         base::rc status) noexcept;
 
 // Seconds left for the batch from the bytes done so far and the time since
 // start_copy_time (the elapsed microseconds are a signed 32-bit count).

@@ -11,16 +11,18 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "listing/names.h"
-#include "plugin/export.h"
-#include "plugin/result.h"
-#include "plugin/util.h"
 #include "storage/paths.h"
 
 namespace transfer {
 namespace {
 
-using plugin::rc;
+using base::rc;
 
 constexpr std::size_t label_size = 4096;
 
@@ -36,8 +38,8 @@ void collapse_slashes(char *path) noexcept {
 
 // One record in one write, so that a reader never sees half of it.
 void write_record(int fd, const char *label, const char *path) noexcept {
-    char line[3 + label_size + plugin::path_max + 2];
-    if (!plugin::format_into(line, "1|%s|%s\n", label, path)) return;
+    char line[3 + label_size + base::path_max + 2];
+    if (!base::format_into(line, "1|%s|%s\n", label, path)) return;
     std::size_t length = std::strlen(line);
     std::size_t written = 0;
     while (written < length) {
@@ -60,9 +62,9 @@ bool names_file(int fd, const char *name) noexcept {
 // The selection file open for reading and writing with an exclusive flock
 // held on it: selection requests and a batch taking the file never
 // interleave. Invalid when there is none (or it is a link).
-plugin::unique_fd open_locked_selection() noexcept {
+base::unique_fd open_locked_selection() noexcept {
     for (int attempt = 0; attempt < 16; ++attempt) {
-        plugin::unique_fd fd(::open(selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        base::unique_fd fd(::open(selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
         if (!fd.valid()) return fd;
         int locked;
         while ((locked = ::flock(fd.get(), LOCK_EX)) != 0 && errno == EINTR) {
@@ -70,7 +72,7 @@ plugin::unique_fd open_locked_selection() noexcept {
         // Taken by a batch or removed while we waited: open the new one.
         if (locked != 0 || names_file(fd.get(), selection_file)) return fd;
     }
-    return plugin::unique_fd();
+    return base::unique_fd();
 }
 
 // A new selection file holding one record. It is written under a name of
@@ -80,11 +82,11 @@ plugin::unique_fd open_locked_selection() noexcept {
 void create_selection(const char *label, const char *path, bool *raced) noexcept {
     char own[96];
     *raced = false;
-    if (!plugin::format_into(own, "%s.%ld.%lx", selection_file, static_cast<long>(::getpid()),
+    if (!base::format_into(own, "%s.%ld.%lx", selection_file, static_cast<long>(::getpid()),
                              static_cast<unsigned long>(::pthread_self())))
         return;
     ::unlink(own);
-    plugin::unique_fd fd(::open(own, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    base::unique_fd fd(::open(own, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) return;
     write_record(fd.get(), label, path);
     fd.reset();
@@ -155,7 +157,7 @@ int count_selected_records(int fd) noexcept {
 
 int64_t sum_selected_sizes(int fd) noexcept {
     int64_t sum = 0;
-    plugin::path_buffer path;
+    base::path_buffer path;
     char label[label_size] = {};
     while (get_filename(fd, path, sizeof path, label) == 1) sum += filesize64(path);
     return sum;
@@ -169,9 +171,9 @@ void mark_record_done(int fd, std::string_view path, std::string_view label) noe
     rewrite_flag(fd, start, '0');
 }
 
-plugin::unique_fd lock_batch(bool *busy) noexcept {
+base::unique_fd lock_batch(bool *busy) noexcept {
     *busy = false;
-    plugin::unique_fd fd(::open(batch_lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    base::unique_fd fd(::open(batch_lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) return fd;
     while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EINTR) continue;
@@ -195,11 +197,11 @@ void return_selection(bool keep) noexcept {
         }
         if (errno != EEXIST) return;  // nothing to put back, or kept for the next batch
         // A selection made while the batch ran follows the batch's records.
-        plugin::unique_fd newer = open_locked_selection();
+        base::unique_fd newer = open_locked_selection();
         if (!newer.valid()) continue;
         ::unlink(merged);
-        plugin::unique_fd out(::open(merged, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        plugin::unique_fd old(::open(batch_selection_file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        base::unique_fd out(::open(merged, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        base::unique_fd old(::open(batch_selection_file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
         if (out.valid() && old.valid() && copy_rest(old.get(), out.get()) && copy_rest(newer.get(), out.get()) &&
             out.close_checked() && ::rename(merged, selection_file) == 0) {
             ::unlink(batch_selection_file);
@@ -213,7 +215,7 @@ void return_selection(bool keep) noexcept {
 bool take_selection() noexcept {
     // An earlier batch that never ended (the process died) left its records.
     return_selection(true);
-    plugin::unique_fd held = open_locked_selection();
+    base::unique_fd held = open_locked_selection();
     if (!held.valid()) return false;
     return ::rename(selection_file, batch_selection_file) == 0;
 }
@@ -222,23 +224,23 @@ bool batch_may_use(const char *path) noexcept {
     return path != nullptr && path[0] == '/' && storage::path_allowed(path);
 }
 
-int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
+base::rc select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     char label[label_size];
     std::memset(label, 0, sizeof label);
     const char *argument = request->args->argv[1];
     const action what = parse_action(request->args->argv[2]);
-    if (what == action::unknown) return +rc::bad_argument;
+    if (what == action::unknown) return rc::bad_argument;
     if (what == action::deselect_all) {
-        if (::unlink(selection_file) == 0 || errno == ENOENT) return +rc::ok;
-        return +rc::io;
+        if (::unlink(selection_file) == 0 || errno == ENOENT) return rc::ok;
+        return rc::io;
     }
     const int wanted = what == action::select ? 1 : 0;
-    if (argument == nullptr || argument[0] == '\0') return +rc::bad_argument;
-    if (holds_line_break(argument)) return +rc::bad_argument;
+    if (argument == nullptr || argument[0] == '\0') return rc::bad_argument;
+    if (holds_line_break(argument)) return rc::bad_argument;
 
-    plugin::unique_malloc<char> translated;
+    base::unique_malloc<char> translated;
     const char *path = storage::resolve_network_address(argument, translated);
-    if (path == nullptr || holds_line_break(path)) return +rc::bad_argument;
+    if (path == nullptr || holds_line_break(path)) return rc::bad_argument;
     if (translated != nullptr) {
         collapse_slashes(translated.get());
         if (wanted == 1) listing::share_display_name(argument, label);
@@ -246,22 +248,22 @@ int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, Comm
         listing::drive_display_name(argument, label);
     }
     // A record longer than the readers' line limit would be read as two.
-    if (!record_fits(label, path)) return +rc::bad_argument;
+    if (!record_fits(label, path)) return rc::bad_argument;
 
     // What an interrupted batch left goes back first (when none runs).
     if (::access(batch_selection_file, F_OK) == 0) {
         bool busy = false;
-        plugin::unique_fd batch_lock = lock_batch(&busy);
+        base::unique_fd batch_lock = lock_batch(&busy);
         if (batch_lock.valid()) return_selection(true);
     }
     for (int attempt = 0; attempt < 4; ++attempt) {
-        plugin::unique_fd fd = open_locked_selection();
+        base::unique_fd fd = open_locked_selection();
         if (!fd.valid()) {
-            if (wanted == 0) return +rc::ok;
+            if (wanted == 0) return rc::ok;
             bool raced = false;
             create_selection(label, path, &raced);
             if (raced) continue;
-            return +rc::ok;
+            return rc::ok;
         }
         const int found = find_selection_record(fd.get(), path);
         if (wanted == 1 && found == -1) {
@@ -282,7 +284,7 @@ int32_t select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, Comm
         }
         break;
     }
-    return +rc::ok;
+    return rc::ok;
 }
 
 }  // namespace transfer
@@ -300,7 +302,7 @@ extern "C" FILEOP_EXPORT int get_filename(int fd, char *path, int size, char *la
     const std::span<char> out(path, static_cast<std::size_t>(size));
     const char *bar = std::strchr(text, '|');
     if (bar == nullptr) {
-        plugin::copy_text(out, text);
+        base::copy_text(out, text);
         return 1;
     }
     // The label part is shorter than the line, which fits a 4096-byte
@@ -310,6 +312,6 @@ extern "C" FILEOP_EXPORT int get_filename(int fd, char *path, int size, char *la
         std::memcpy(label, text, label_length);
         label[label_length] = '\0';
     }
-    plugin::copy_text(out, bar + 1);
+    base::copy_text(out, bar + 1);
     return 1;
 }

@@ -8,8 +8,11 @@
 #include <span>
 #include <string_view>
 
+#include "base/owners.h"
+#include "base/result.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "platform/host_api.h"
-#include "plugin/util.h"
 
 namespace transfer {
 
@@ -43,7 +46,7 @@ void mark_record_done(int fd, std::string_view path, std::string_view label) noe
 
 // The batch lock, taken without waiting; invalid when another batch holds
 // it (*busy set) or the lock file cannot be opened.
-plugin::unique_fd lock_batch(bool *busy) noexcept;
+base::unique_fd lock_batch(bool *busy) noexcept;
 
 // Under the batch lock: puts back what an earlier, interrupted batch left,
 // then moves the selection to the batch's private file. False when there is
@@ -66,7 +69,7 @@ bool batch_may_use(const char *path) noexcept;
 // (also for a path holding a line feed or a carriage return, which would
 // forge records, and with the confinement switch on for a path outside the
 // drives root).
-int32_t select_user_storage_file_to_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
+base::rc select_user_storage_file_to_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
 }  // namespace transfer
 

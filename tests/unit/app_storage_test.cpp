@@ -34,7 +34,7 @@ TEST(AppStorage, IdsFromTheTimeConcurrentCreationsAndBufferLimits) {
     std::set<std::string> ids;
     for (int i = 0; i < 8; ++i) {
         ids.insert(made[i].second);
-        plugin::path_buffer identity;
+        base::path_buffer identity;
         EXPECT_EQ(appstore::verify_app_access("UT_APPSTORE", made[i].second.c_str(), ("pw" + std::to_string(i)).c_str(),
                                               identity), 0) << made[i].first;
     }

@@ -7,9 +7,9 @@ namespace {
 thread_local std::string last_called;
 
 template <int N>
-int32_t recorder(VantorXmlNode *, CommandRequest *request) {
+base::rc recorder(VantorXmlNode *, CommandRequest *request) {
     last_called = request->args->argv[0];
-    return 1000 + N;
+    return base::from_host(1000 + N);
 }
 
 constexpr plugin::command user_rows[] = {

@@ -6,17 +6,19 @@
 
 #include <chrono>
 
-#include "plugin/util.h"
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 
 TEST(ChildTimeLimit, KillsAtTheLimitAndLetsQuickChildrenFinish) {
-    plugin::spawn_options limited;
+    base::spawn_options limited;
     limited.time_limit_seconds = 1;
     const char *sleeper[] = {"sleep", "30", nullptr};
     const auto start = std::chrono::steady_clock::now();
-    const int status = plugin::run_program(sleeper, limited);
+    const int status = base::run_program(sleeper, limited);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
     const char *quick[] = {"sh", "-c", "exit 3", nullptr};
-    EXPECT_EQ(plugin::exit_code_of(plugin::run_program(quick, limited)), 3);
+    EXPECT_EQ(base::exit_code_of(base::run_program(quick, limited)), 3);
 }

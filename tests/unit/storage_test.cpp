@@ -5,17 +5,19 @@
 
 #include <cerrno>
 
+#include "base/owners.h"
+#include "base/spawn.h"
+#include "base/text.h"
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
-#include "plugin/util.h"
 #include "test_util.h"
 
 namespace {
 
 std::string translate(const std::string &in, int32_t *kind) {
-    plugin::path_buffer b;
+    base::path_buffer b;
     std::memset(b, 'Z', sizeof b);
     std::memcpy(b, in.c_str(), in.size() + 1);
     *kind = storage::translate_storage_path(b);
@@ -40,10 +42,10 @@ TEST(TranslateStoragePath, FormsAndLimits) {
     EXPECT_EQ(kind, -1);
     EXPECT_EQ(translate(std::string(4095 - 31, 'a'), &kind).size(), 4095u);
     EXPECT_EQ(kind, 2);
-    plugin::path_buffer b;
+    base::path_buffer b;
     EXPECT_EQ(storage::load_and_translate(b, std::string(4096, 'x').c_str()), -1);
     EXPECT_EQ(storage::load_and_translate(b, nullptr), -1);
-    EXPECT_TRUE(plugin::format_into(b, "%s", ""));  // an empty text fits
+    EXPECT_TRUE(base::format_into(b, "%s", ""));  // an empty text fits
 }
 
 // Bytes a read returns for a file of `size` bytes: the span's read length, clipped by what lies after the offset; the

@@ -23,6 +23,12 @@
 extern "C" int32_t VANTOR_COMMAND_SERVER_func_run_command_file_operation(CommandRequest *, void *, void *,
                                                                        VantorXmlNode);
 
+// Results compared with the integers the host would report.
+namespace base {
+inline bool operator==(rc r, int v) { return to_host(r) == v; }
+inline void PrintTo(rc r, std::ostream *out) { *out << to_host(r); }
+}  // namespace base
+
 namespace tu {
 
 namespace fs = std::filesystem;

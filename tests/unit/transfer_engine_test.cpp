@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <random>
 
+#include "test_util.h"
 #include "transfer/batch.h"
 #include "transfer/engine.h"
-#include "test_util.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ struct Engine : ::testing::Test {
         return p;
     }
     int copy(const std::string &from, const std::string &to, transfer::TransferProgress &p) {
-        return transfer::copy_file_with_progress((work + from).c_str(), (work + to).c_str(), p, 0, "Stick", "Disk");
+        return base::to_host(transfer::copy_file_with_progress((work + from).c_str(), (work + to).c_str(), p, 0, "Stick", "Disk"));
     }
 };
 
@@ -120,7 +120,7 @@ TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
                            {".hidden", "h"}})
         tu::write_file(work + "/src/" + f, text);
     tu::fs::create_directory(work + "/dst");
-    plugin::path_buffer source, target;
+    base::path_buffer source, target;
     std::strcpy(source, (work + "/src").c_str());
     std::strcpy(target, (work + "/dst/src").c_str());
     auto p = progress_for(2 + 3 + 1 + 4 + 1 + 3 * 4096);

@@ -1,6 +1,6 @@
 // The time-left estimate's arithmetic and the event lines as the pipe reader sees them.
-#include "transfer/progress.h"
 #include "test_util.h"
+#include "transfer/progress.h"
 
 namespace {
 
@@ -24,10 +24,10 @@ TEST(TimeLeft, ThirtyTwoBitMicrosecondsAndCeiling) {
 
 TEST(TransferEvent, LinesAsTheReaderSeesThem) {
     event_pipe pipe;
-    transfer::post_transfer_event(0, "a.avi", "Stick", "Disk", 1, 3, 40, 13, 7, 0);
-    transfer::post_transfer_event(1, "b", "", "Disk", 2, 3, -5, -1, 0, 12);
-    transfer::post_transfer_event(7, "", "", "", 0, 0, 100, 101, 0, 4);
-    transfer::post_transfer_event(3, "c.avi", "Stick", "ignored", 1, 2, 99, 50, 99, 402);
+    transfer::post_transfer_event(0, "a.avi", "Stick", "Disk", 1, 3, 40, 13, 7, base::from_host(0));
+    transfer::post_transfer_event(1, "b", "", "Disk", 2, 3, -5, -1, 0, base::from_host(12));
+    transfer::post_transfer_event(7, "", "", "", 0, 0, 100, 101, 0, base::from_host(4));
+    transfer::post_transfer_event(3, "c.avi", "Stick", "ignored", 1, 2, 99, 50, 99, base::from_host(402));
     const auto lines = pipe.wait_for("<status>402</status>");
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0],
@@ -46,11 +46,11 @@ TEST(TransferEvent, LinesAsTheReaderSeesThem) {
 
 TEST(TransferEvent, DroppedWithoutPipeOrReader) {
     ::unlink(event_pipe::path);
-    transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, 0);
+    transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, base::from_host(0));
     EXPECT_FALSE(exists(event_pipe::path));  // never created by the writer
     ASSERT_EQ(::mkfifo(event_pipe::path, 0600), 0);
     auto before = std::chrono::steady_clock::now();
-    transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, 0);  // nobody reads: must not block
+    transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, base::from_host(0));  // nobody reads: must not block
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(1));
     ::unlink(event_pipe::path);
 }

@@ -1,7 +1,7 @@
 // The selection file: request sequences and the file they leave, the suffix rule of the search, the record reader and
 // the done flag.
-#include "transfer/selection.h"
 #include "test_util.h"
+#include "transfer/selection.h"
 
 namespace {
 
@@ -12,7 +12,7 @@ const std::string fslist = "/tmp/fslist";
 
 int32_t select(const std::string &path, const std::string &action) {
     request r({"select_user_storage_file_to_list", path, action});
-    return transfer::select_user_storage_file_to_list(nullptr, &r.value);
+    return base::to_host(transfer::select_user_storage_file_to_list(nullptr, &r.value));
 }
 
 struct SelectionFile : ::testing::Test {
