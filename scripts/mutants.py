@@ -40,6 +40,7 @@ from pathlib import Path
 # Module -> end-to-end test files that exercise it (tests/e2e/...). Files that
 # do not exist are skipped; EVERY_MODULE files run for each module.
 E2E_FILES = {
+    "base": ["test_foundation.py", "test_hardening.py"],
     "plugin": ["test_foundation.py", "test_hardening.py"],
     "storage": ["test_single_file.py"],
     "listing": ["test_listing.py", "test_search.py", "test_netfs_client.py"],
@@ -293,34 +294,56 @@ def stratified_sample(sites, size, seed):
     return picked
 
 
+# Spellings that changed without changing the logic: a replayed line is
+# also looked for in its newer spelling.
+RESPELLINGS = [(re.compile(r"\+(plugin::|base::)?rc::"), r"\1rc::"), (re.compile(r"\bplugin::"), "base::")]
+
+
+def respelled(text):
+    for pattern, replacement in RESPELLINGS:
+        text = pattern.sub(replacement, text)
+    return text.replace("base::base::", "base::")
+
+
 def locate(root, entries):
-    """Re-locates replayed mutants in the code under root; missing -> gone."""
+    """Re-locates replayed mutants in the code under root; missing -> gone.
+    A line no longer in its file (moved, or respelled) is looked for in every
+    source file; the first file holding it wins."""
     cache = {}
-    out = []
-    for e in entries:
-        rel = e["file"]
+
+    def load(rel):
         if rel not in cache:
             path = root / rel
             if not path.is_file():
                 cache[rel] = None
             else:
                 lines = path.read_text().split("\n")
-                masked = mask_source(lines)
                 first = {}
                 for k, line in enumerate(lines):
                     first.setdefault(line.strip(), k)
-                cache[rel] = (lines, masked, first)
+                cache[rel] = (lines, mask_source(lines), first)
+        return cache[rel]
+
+    out = []
+    for e in entries:
         found = dict(e)
         found["gone"] = True
-        data = cache[rel]
-        if data:
+        texts = [e["line_text"], respelled(e["line_text"])]
+        for rel in [e["file"]] + [f for f in source_files(root) if f != e["file"]]:
+            data = load(rel)
+            if not data:
+                continue
             lines, masked, first = data
-            k = first.get(e["line_text"])
-            if k is not None:
-                for op, occ, new in line_sites(lines, masked, k):
-                    if op == e["op"] and occ == e["occurrence"]:
-                        found.update(gone=False, line=k + 1, before=lines[k].strip(), after=new.strip())
-                        break
+            k = next((first[t] for t in texts if t in first), None)
+            if k is None:
+                continue
+            for op, occ, new in line_sites(lines, masked, k):
+                if op == e["op"] and occ == e["occurrence"]:
+                    found.update(gone=False, file=rel, module=module_of(rel), line=k + 1,
+                                 before=lines[k].strip(), after=new.strip())
+                    break
+            if not found["gone"]:
+                break
         out.append(found)
     return out
 
