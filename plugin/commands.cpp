@@ -21,6 +21,12 @@ namespace plugin {
 using base::rc;
 namespace {
 
+// A handler of two sub-commands that differ by one flag (copy or move).
+template <rc (*run)(VantorXmlNode *, CommandRequest *, int), int flag>
+rc with_flag(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    return run(response_slot, request, flag);
+}
+
 // Rows are compared in this order.
 constexpr std::array user_commands{
     command{"list_user_storage_file", at_least(8), listing::list_user_storage_file},
@@ -29,28 +35,16 @@ constexpr std::array user_commands{
     command{"write_user_storage_file", exactly(5), storage::write_user_storage_file},
     command{"read_user_storage_file", exactly(4), storage::read_user_storage_file},
     command{"get_user_storage_file_info", exactly(2), storage::get_user_storage_file_info},
-    command{"copy_user_storage_file", exactly(3),
-            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
-                return storage::copy_user_storage_file(slot, request, 0);
-            }},
-    command{"move_user_storage_file", exactly(3),
-            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
-                return storage::copy_user_storage_file(slot, request, 1);
-            }},
+    command{"copy_user_storage_file", exactly(3), with_flag<storage::copy_user_storage_file, 0>},
+    command{"move_user_storage_file", exactly(3), with_flag<storage::copy_user_storage_file, 1>},
     command{"backup_user_storage_file", at_least(3), storage::backup_user_storage_file},
     command{"delete_user_storage_file", exactly(2), storage::delete_user_storage_file},
     command{"create_user_storage_directory", exactly(2), storage::create_user_storage_directory},
     command{"rename_user_storage_file", exactly(3), storage::rename_user_storage_file},
     command{"select_user_storage_file_to_list", exactly(3), transfer::select_user_storage_file_to_list},
     command{"delete_user_storage_file_from_list", between(1, 2), transfer::delete_user_storage_file_from_list},
-    command{"copy_user_storage_file_from_list", exactly(2),
-            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
-                return transfer::copy_user_storage_file_from_list(slot, request, 0);
-            }},
-    command{"move_user_storage_file_from_list", exactly(2),
-            [](VantorXmlNode *slot, CommandRequest *request) -> rc {
-                return transfer::copy_user_storage_file_from_list(slot, request, 1);
-            }},
+    command{"copy_user_storage_file_from_list", exactly(2), with_flag<transfer::copy_user_storage_file_from_list, 0>},
+    command{"move_user_storage_file_from_list", exactly(2), with_flag<transfer::copy_user_storage_file_from_list, 1>},
     command{"search_user_storage_subtitle", exactly(2), media::search_user_storage_subtitle},
     command{"calculate_user_storage_file_hash", exactly(2), media::calculate_user_storage_file_hash},
     command{"verify_user_storage_download_status", exactly(2), media::verify_user_storage_download_status},
