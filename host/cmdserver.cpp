@@ -666,21 +666,6 @@ std::string absolute(const std::string &path) {
     return out;
 }
 
-std::string default_plugin_path() {
-    char self[PATH_MAX];
-    ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "libvantor_command_server_command_file_operation.so";
-    self[n] = '\0';
-    std::string dir(self);
-    dir.erase(dir.rfind('/'));
-    // The build tree keeps the plug-in one level up from host/.
-    for (const char *rel : {"/", "/../", "/../lib/"}) {
-        std::string p = dir + rel + "libvantor_command_server_command_file_operation.so";
-        if (::access(p.c_str(), R_OK) == 0) return p;
-    }
-    return "libvantor_command_server_command_file_operation.so";
-}
-
 int signal_pipe[2] = {-1, -1};
 
 void on_signal(int) {
@@ -694,7 +679,7 @@ int main(int argc, char **argv) {
     server_options opt;
     if (int r = parse_options(argc, argv, opt); r >= 0) return r;
 
-    std::string plugin = absolute(opt.plugin.empty() ? default_plugin_path() : opt.plugin);
+    std::string plugin = absolute(opt.plugin.empty() ? host::default_plugin_path() : opt.plugin);
     std::string web_dir = absolute(opt.web_dir);
     if (!opt.config.empty()) ::setenv("VTR_CONFIG", absolute(opt.config).c_str(), 1);
     if (!opt.drives.empty()) {

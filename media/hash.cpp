@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/answer.h"
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/result.h"
@@ -104,9 +105,7 @@ base::rc calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandR
         unsigned long long hash = hash_file(path);
         std::snprintf(text, sizeof text, "%llx", hash);
     }
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&node, "hash", text);
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
+    base::add_element(base::response_of(response_slot), "hash", text);
     return base::rc::ok;
 }
 
