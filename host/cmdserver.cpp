@@ -33,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/io.h"
 #include "host/cmdserver_wire.h"
 #include "host/drives_namespace.h"
 #include "host/event_hub.h"
@@ -751,8 +752,7 @@ int main(int argc, char **argv) {
                  v6bind ? "[" : "", opt.bind.c_str(), v6bind ? "]" : "", port, plugin.c_str(), opt.threads);
 
     char b;
-    while (::read(signal_pipe[0], &b, 1) < 0 && errno == EINTR) {
-    }
+    (void)base::retry_eintr([&] { return ::read(signal_pipe[0], &b, 1); });
     std::fprintf(stderr, "vtr-cmdserver: stopping\n");
     // A handler that blocks (a rip, a download) would hold the shutdown.
     std::thread([] {

@@ -36,11 +36,8 @@ std::string_view subtitle_stem(std::string_view path, bool folder) noexcept {
 }  // namespace
 
 base::rc search_user_storage_subtitle(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return base::rc::bad_argument;
-    CommandArgs *args = request->args;
-    if (args->argc < 2 || args->argv[1] == nullptr) return base::rc::bad_argument;
     base::unique_malloc<char> resolved;
-    const char *video = storage::resolve_network_address(args->argv[1], resolved);
+    const char *video = storage::resolve_first_argument(request, resolved);
     if (video == nullptr) return base::rc::bad_argument;
     std::string_view path(video);
     if (path.size() >= subtitle_path_max) return base::rc::bad_argument;
