@@ -5,8 +5,6 @@
 
 #include <cerrno>
 
-#include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
