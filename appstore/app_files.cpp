@@ -10,10 +10,13 @@
 
 #include "appstore/app_storage.h"
 #include "appstore/layout.h"
+#include "base/answer.h"
+#include "base/io.h"
 #include "base/result.h"
+#include "base/spawn.h"
+#include "storage/file_commands.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
-#include "storage/streams.h"
 
 namespace appstore {
 namespace {
@@ -114,7 +117,7 @@ base::rc write_app_storage_file(VantorXmlNode * /*response_slot*/, CommandReques
     // A count beyond the content sent is cut to the content: nothing past
     // the client's text is ever written.
     if (count > 0 && static_cast<std::size_t>(count) < length) length = static_cast<std::size_t>(count);
-    if (!detail::write_all(fd.get(), content, length) || !fd.close_checked()) return rc::failure;
+    if (!base::write_all(fd.get(), content, length) || !fd.close_checked()) return rc::failure;
     return rc::ok;
 }
 
@@ -141,9 +144,8 @@ base::rc read_app_storage_file(VantorXmlNode *response_slot, CommandRequest *req
         if (::fseeko(stream.get(), span.start, SEEK_SET) == 0) got = std::fread(buffer.get(), 1, size, stream.get());
         buffer.get()[got] = '\0';
     }
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node_binary(&node, "content", got > 0 ? buffer.get() : "", static_cast<unsigned int>(got));
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
+    base::add_bytes(base::response_of(response_slot), "content", got > 0 ? buffer.get() : "",
+                    static_cast<unsigned int>(got));
     return rc::ok;
 }
 
@@ -153,11 +155,12 @@ base::rc get_app_storage_file_info(VantorXmlNode *response_slot, CommandRequest 
     if (!isfileexist(file)) return rc::not_found;
     const char *name = argument(request, 1);
     storage::sort_mime_table();
+    VantorXmlNode response = base::response_of(response_slot);
     char size[16];
     (void)base::format_into(size, "%u", statfilesize(file));
-    detail::append_element(response_slot, "fileSize", size);
-    detail::append_element(response_slot, "mimeType", storage::mime_type_for_path(name));
-    detail::append_element(response_slot, "name", name);
+    base::add_element(response, "fileSize", size);
+    base::add_element(response, "mimeType", storage::mime_type_for_path(name));
+    base::add_element(response, "name", name);
     return rc::ok;
 }
 
@@ -170,7 +173,7 @@ base::rc copy_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest
     int32_t kind = storage::load_and_translate(target, argument(request, 5));
     if (kind != storage::network_path && kind != storage::local_path) return rc::failure;
     if (storage::check_free_space(size, target) != 0) return rc::no_room;
-    const char *argv[] = {"cp", file, target, nullptr};
+    const char *argv[] = {"cp", "--", file, target, nullptr};
     (void)base::run_program(argv);  // its status does not change the answer
     return rc::ok;
 }
@@ -179,7 +182,7 @@ base::rc delete_app_storage_file(VantorXmlNode * /*response_slot*/, CommandReque
     base::path_buffer file;
     if (base::rc r = storage_file(request, file); r != base::rc::ok) return r;
     if (!isfileexist(file)) return rc::not_found;
-    const char *argv[] = {"rm", file, nullptr};
+    const char *argv[] = {"rm", "--", file, nullptr};
     (void)base::run_program(argv);
     return rc::ok;
 }

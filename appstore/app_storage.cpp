@@ -11,28 +11,14 @@
 
 #include "appstore/layout.h"
 #include "appstore/scramble.h"
+#include "base/answer.h"
+#include "base/io.h"
 #include "base/result.h"
+#include "base/spawn.h"
+#include "storage/file_commands.h"
 #include "storage/paths.h"
-#include "storage/streams.h"
 
 namespace appstore {
-
-namespace detail {
-
-bool write_all(int fd, const char *data, std::size_t length) noexcept {
-    while (length > 0) {
-        ssize_t n = ::write(fd, data, length);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        length -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-}  // namespace detail
 
 namespace {
 
@@ -72,7 +58,7 @@ bool write_new_identity(const char *path, int32_t id, const char *password) noex
     if (!scramble_app_password(text, id, password)) return false;
     base::unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0700));
     if (!fd.valid()) return false;
-    return detail::write_all(fd.get(), text, std::strlen(text)) && fd.close_checked();
+    return base::write_all(fd.get(), text, std::strlen(text)) && fd.close_checked();
 }
 
 // Makes the names in the folder of `path` durable.
@@ -100,20 +86,13 @@ bool replace_identity(const char *path, int32_t id, const char *password) noexce
     if (!fd.valid()) return false;
     struct stat old_status {};
     mode_t mode = ::stat(path, &old_status) == 0 ? (old_status.st_mode & 07777) : 0700;
-    bool ok = ::fchmod(fd.get(), mode) == 0 && detail::write_all(fd.get(), text, std::strlen(text)) &&
+    bool ok = ::fchmod(fd.get(), mode) == 0 && base::write_all(fd.get(), text, std::strlen(text)) &&
               ::fsync(fd.get()) == 0 && fd.close_checked() && ::rename(temporary, path) == 0;
     if (!ok) ::unlink(temporary);
     // The new password is in place; a folder that cannot be synced leaves
     // the old one after a power cut at worst.
     if (ok) (void)sync_folder_of(path);
     return ok;
-}
-
-// Removes a folder and everything in it; the path is one argument, so
-// blanks in a drive name remove nothing beside it.
-void remove_tree(const char *path) noexcept {
-    const char *argv[] = {"rm", "-rf", path, nullptr};
-    (void)base::run_program(argv);
 }
 
 }  // namespace
@@ -170,9 +149,7 @@ base::rc create_app_storage(VantorXmlNode *response_slot, CommandRequest *reques
     }
     if (!write_new_identity(identity, id, password)) return rc::failure;
 
-    char text[16];
-    (void)base::format_into(text, "%d", id);
-    detail::append_element(response_slot, "id", text);
+    base::add_number(base::response_of(response_slot), "id", id);
     return rc::ok;
 }
 
@@ -206,7 +183,7 @@ base::rc delete_app_storage(VantorXmlNode * /*response_slot*/, CommandRequest *r
         !detail::storage_folder_path(folder, root, std::atoi(id_text)))
         return rc::failure;
     if (!isfileexist(folder)) return rc::not_found;
-    remove_tree(folder);  // its status does not change the answer
+    (void)base::remove_tree(folder);  // its status does not change the answer
     return rc::ok;
 }
 
@@ -217,7 +194,7 @@ base::rc delete_all_app_storage(VantorXmlNode * /*response_slot*/, CommandReques
         !detail::storage_area_path(area, root))
         return rc::failure;
     if (!isfileexist(area)) return rc::not_found;
-    remove_tree(area);
+    (void)base::remove_tree(area);
     return rc::ok;
 }
 

@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "platform/host_api.h"
 
@@ -33,14 +32,5 @@ inline bool identity_file_path(base::path_buffer &out, const char *drive, int32_
 inline bool storage_file_path(base::path_buffer &out, const char *drive, int32_t id, const char *name) noexcept {
     return base::format_into(out, "%s/.vtr_apps/.vtr_app_%d/%s", drive, id, name);
 }
-
-inline void append_element(VantorXmlNode *response_slot, const char *tag, const char *text) noexcept {
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&node, tag, text);
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
-}
-
-// Writes the whole buffer, retrying short writes; false on an error.
-bool write_all(int fd, const char *data, std::size_t length) noexcept;
 
 }  // namespace appstore::detail

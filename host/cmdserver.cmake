@@ -12,6 +12,7 @@ add_library(vtr_hostlib STATIC
   ${CMAKE_CURRENT_LIST_DIR}/watch.cpp)
 target_include_directories(vtr_hostlib PUBLIC ${CMAKE_SOURCE_DIR})
 target_link_libraries(vtr_hostlib PUBLIC ${CMAKE_DL_LIBS})
+target_compile_definitions(vtr_hostlib PRIVATE FILEOP_INSTALL_LIBDIR="${CMAKE_INSTALL_LIBDIR}")
 
 if(MICROHTTPD_FOUND AND NOT CMAKE_CROSSCOMPILING)
   set(console_page_cpp ${CMAKE_CURRENT_BINARY_DIR}/web_page.cpp)

@@ -33,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/io.h"
 #include "host/cmdserver_wire.h"
 #include "host/drives_namespace.h"
 #include "host/event_hub.h"
@@ -666,21 +667,6 @@ std::string absolute(const std::string &path) {
     return out;
 }
 
-std::string default_plugin_path() {
-    char self[PATH_MAX];
-    ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "libvantor_command_server_command_file_operation.so";
-    self[n] = '\0';
-    std::string dir(self);
-    dir.erase(dir.rfind('/'));
-    // The build tree keeps the plug-in one level up from host/.
-    for (const char *rel : {"/", "/../", "/../lib/"}) {
-        std::string p = dir + rel + "libvantor_command_server_command_file_operation.so";
-        if (::access(p.c_str(), R_OK) == 0) return p;
-    }
-    return "libvantor_command_server_command_file_operation.so";
-}
-
 int signal_pipe[2] = {-1, -1};
 
 void on_signal(int) {
@@ -694,7 +680,7 @@ int main(int argc, char **argv) {
     server_options opt;
     if (int r = parse_options(argc, argv, opt); r >= 0) return r;
 
-    std::string plugin = absolute(opt.plugin.empty() ? default_plugin_path() : opt.plugin);
+    std::string plugin = absolute(opt.plugin.empty() ? host::default_plugin_path() : opt.plugin);
     std::string web_dir = absolute(opt.web_dir);
     if (!opt.config.empty()) ::setenv("VTR_CONFIG", absolute(opt.config).c_str(), 1);
     if (!opt.drives.empty()) {
@@ -766,8 +752,7 @@ int main(int argc, char **argv) {
                  v6bind ? "[" : "", opt.bind.c_str(), v6bind ? "]" : "", port, plugin.c_str(), opt.threads);
 
     char b;
-    while (::read(signal_pipe[0], &b, 1) < 0 && errno == EINTR) {
-    }
+    (void)base::retry_eintr([&] { return ::read(signal_pipe[0], &b, 1); });
     std::fprintf(stderr, "vtr-cmdserver: stopping\n");
     // A handler that blocks (a rip, a download) would hold the shutdown.
     std::thread([] {

@@ -3,8 +3,14 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "host/sim/xml_tree.h"
+
 namespace cmdserver {
 namespace {
+
+void append_escaped_text(std::string &out, std::string_view text) {
+    vtrsim::append_xml_text(out, text, vtrsim::xml_text_rules::keep_carriage_return);
+}
 
 int hex_value(char c) noexcept {
     if (c >= '0' && c <= '9') return c - '0';
@@ -23,7 +29,7 @@ void append_start_tag(std::string &out, std::string_view tag, bool base64) {
         out += tag;
     } else {
         out += "element name=\"";
-        if (is_xml_text(tag)) append_escaped(out, tag);
+        if (is_xml_text(tag)) append_escaped_text(out, tag);
         else append_base64(out, tag);
         out += '"';
     }
@@ -37,7 +43,7 @@ void append_end_tag(std::string &out, std::string_view tag) {
     out += '>';
 }
 
-// Length of text once escaped by append_escaped.
+// Length of text once escaped by append_escaped_text.
 uint64_t escaped_size(std::string_view text) noexcept {
     uint64_t n = text.size();
     for (char c : text) {
@@ -55,7 +61,7 @@ uint64_t escaped_size(std::string_view text) noexcept {
 }
 
 void append_content(std::string &out, std::string_view content) {
-    if (is_xml_text(content)) append_escaped(out, content);
+    if (is_xml_text(content)) append_escaped_text(out, content);
     else append_base64(out, content);
 }
 
@@ -187,20 +193,6 @@ bool is_xml_name(std::string_view name) noexcept {
     return true;
 }
 
-void append_escaped(std::string &out, std::string_view text) {
-    for (char c : text) {
-        switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&apos;"; break;
-        case '\r': out += "&#13;"; break;  // a parser would turn a bare CR into LF
-        default: out += c;
-        }
-    }
-}
-
 void append_base64(std::string &out, std::string_view bytes) {
     static constexpr char alphabet[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -305,7 +297,7 @@ bool document::stage() {
             std::string_view part = p.content.substr(content_staged_, slice);
             content_staged_ += part.size();
             if (p.base64) append_base64(staged_, part);
-            else append_escaped(staged_, part);
+            else append_escaped_text(staged_, part);
             return true;
         }
         ++next_;

@@ -43,7 +43,6 @@ bool is_xml_text(std::string_view bytes) noexcept;
 
 bool is_xml_name(std::string_view name) noexcept;
 
-void append_escaped(std::string &out, std::string_view text);
 void append_base64(std::string &out, std::string_view bytes);
 
 // Appends <tag>content</tag> (or <tag encoding="base64">...</tag> when the

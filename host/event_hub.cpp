@@ -10,6 +10,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/io.h"
+
 namespace cmdserver {
 
 namespace {
@@ -117,11 +119,8 @@ void event_hub::reader_loop() {
     constexpr std::size_t max_line = 16384;
     for (;;) {
         pollfd fds[2] = {{fifo_fd_, POLLIN, 0}, {wake_fds_[0], POLLIN, 0}};
-        int n = ::poll(fds, 2, 1000);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return;
-        }
+        int n = base::retry_eintr([&] { return ::poll(fds, 2, 1000); });
+        if (n < 0) return;
         if (fds[1].revents != 0) return;
         if (n == 0) {
             // Someone removed or replaced the pipe (a clean-up of /tmp):

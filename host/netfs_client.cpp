@@ -37,7 +37,6 @@
 #include <vector>
 
 #include "host/sim/config.h"
-#include "storage/mime.h"
 
 namespace {
 
@@ -135,14 +134,28 @@ int folder_code(int parent, const char *name) {
     return code_folder;
 }
 
+// The share's own idea of a file's kind, from the extension after the last
+// "." (any case); a name it does not know is "others".
+struct extension_code {
+    const char *extension;
+    int code;
+};
+constexpr extension_code known_extensions[] = {
+    {"avi", code_video},   {"mkv", code_video},       {"mp4", code_video},     {"mpg", code_video},
+    {"mpeg", code_video},  {"ts", code_video},        {"m2ts", code_video},    {"mov", code_video},
+    {"wmv", code_video},   {"vob", code_video},       {"iso", code_video_iso}, {"img", code_video_iso},
+    {"mp3", code_music},   {"flac", code_music},      {"wav", code_music},     {"aac", code_music},
+    {"ogg", code_music},   {"wma", code_music},       {"m4a", code_music},     {"jpg", code_photo},
+    {"jpeg", code_photo},  {"png", code_photo},       {"gif", code_photo},     {"bmp", code_photo},
+    {"tif", code_photo},   {"tiff", code_photo},      {"torrent", code_torrent}, {"swf", code_phf},
+    {"phf", code_phf},
+};
+
 int file_code(const std::string &name) {
-    std::string type = storage::mime_type_for_path(name.c_str());
-    if (type == "video/iso") return code_video_iso;
-    if (type.rfind("video", 0) == 0) return code_video;
-    if (type.rfind("audio", 0) == 0) return code_music;
-    if (type.rfind("image", 0) == 0) return code_photo;
-    if (type == "torrent") return code_torrent;
-    if (type == "application/x-shockwave-flash") return code_phf;
+    std::size_t dot = name.rfind('.');
+    if (dot == std::string::npos) return code_others;
+    for (const extension_code &k : known_extensions)
+        if (::strcasecmp(name.c_str() + dot + 1, k.extension) == 0) return k.code;
     return code_others;
 }
 
@@ -250,7 +263,6 @@ int main(int argc, char **argv) {
     }
     struct stat folder_st {};
     ::fstat(dirfd, &folder_st);
-    storage::sort_mime_table();
 
     std::vector<entry> all;
     scan(dirfd, "", r.keyword.has_value() && r.recursive, all);

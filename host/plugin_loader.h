@@ -11,15 +11,24 @@
 
 namespace host {
 
+// The host's own words of the descriptor and the request: the plug-in must
+// leave them as the host set them.
+inline constexpr uint32_t host_marker = 0xa5a5a5a5u;
+
 struct loaded_plugin {
     void *library = nullptr;   // dlopen handle, kept for the life of the process
     VantorRunEntry run = nullptr;
-    CommandDescriptor descriptor{};
+    VantorRunEntry exported_run = nullptr;  // the run entry exported by name, if any
+    CommandDescriptor descriptor{};         // as the factory left it
 };
 
 // Loads the library at path and registers it (the factory sleeps one second).
 // On failure returns false and puts the reason into error.
 bool load_plugin(const char *path, loaded_plugin &out, std::string &error) noexcept;
+
+// The plug-in beside the host program (build tree) or in the library folder
+// of its installation; the first place tried when it is in neither.
+std::string default_plugin_path();
 
 // One request's argument block: argc, then argc text pointers, laid out as the
 // plug-in reads it. The texts live as long as the block.

@@ -5,7 +5,6 @@
 //   vtr-host [--plugin PATH] [--config FILE] [--drives DIR] run SUBCOMMAND ARG...
 //   vtr-host [options] serve-stdio
 //   vtr-host [options] describe
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
@@ -21,20 +20,12 @@
 #include <vector>
 
 #include "host/drives_namespace.h"
+#include "host/plugin_loader.h"
 #include "host/sim/xml_tree.h"
 #include "host/watch.h"
 #include "platform/host_api.h"
 
-#ifndef FILEOP_INSTALL_LIBDIR
-#define FILEOP_INSTALL_LIBDIR "lib"
-#endif
-
 namespace {
-
-constexpr const char *plugin_file = "libvantor_command_server_command_file_operation.so";
-constexpr const char *factory_name = "VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor";
-constexpr const char *run_name = "VANTOR_COMMAND_SERVER_func_run_command_file_operation";
-constexpr uint32_t host_marker = 0xa5a5a5a5u;  // the host's own words: must survive the factory
 
 FILE *protocol = stdout;  // the host's own output; the plug-in's printf goes to stderr
 
@@ -49,21 +40,6 @@ void usage() {
                  "  watch [--until-end]      progress bars of the batch threads' events\n");
 }
 
-std::string self_dir() {
-    char buf[PATH_MAX];
-    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return ".";
-    buf[n] = '\0';
-    std::string p(buf);
-    std::size_t slash = p.find_last_of('/');
-    return slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
-}
-
-bool exists(const std::string &p) {
-    struct stat st {};
-    return ::stat(p.c_str(), &st) == 0;
-}
-
 std::string absolute(const std::string &p) {
     if (p.empty() || p[0] == '/') return p;
     char cwd[PATH_MAX];
@@ -71,72 +47,19 @@ std::string absolute(const std::string &p) {
     return std::string(cwd) + "/" + p;
 }
 
-std::string default_plugin() {
-    std::string dir = self_dir();
-    const std::string candidates[] = {
-        dir + "/" + plugin_file,                                   // build tree
-        dir + "/../" + FILEOP_INSTALL_LIBDIR + "/" + plugin_file,  // installed
-        dir + "/../lib/" + plugin_file,
-    };
-    for (const std::string &c : candidates)
-        if (exists(c)) return c;
-    return candidates[0];
-}
-
-struct plugin_handle {
-    void *lib = nullptr;
-    CommandDescriptor descriptor{};
-    VantorRunEntry run = nullptr;
-    VantorRunEntry exported_run = nullptr;
-};
-
-bool load_plugin(const std::string &path, plugin_handle &p) {
-    p.lib = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (p.lib == nullptr) {
-        std::fprintf(stderr, "vtr-host: cannot load %s: %s\n", path.c_str(), ::dlerror());
-        return false;
-    }
-    using factory_fn = CommandDescriptor *(*)(CommandDescriptor *);
-    auto factory = reinterpret_cast<factory_fn>(::dlsym(p.lib, factory_name));
-    p.exported_run = reinterpret_cast<VantorRunEntry>(::dlsym(p.lib, run_name));
-    if (factory == nullptr) {
-        std::fprintf(stderr, "vtr-host: %s has no %s\n", path.c_str(), factory_name);
-        return false;
-    }
-    std::memset(&p.descriptor, 0, sizeof p.descriptor);
-    p.descriptor.host_word0 = p.descriptor.host_word36 = p.descriptor.host_word44 =
-        p.descriptor.host_word48 = host_marker;
-    CommandDescriptor *d = factory(&p.descriptor);
-    if (d != &p.descriptor || p.descriptor.run == nullptr) {
-        std::fprintf(stderr, "vtr-host: the factory did not fill the descriptor\n");
-        return false;
-    }
-    p.run = p.descriptor.run;
-    return true;
-}
-
 struct answer {
     int32_t result;
     vtrsim::xml_node *tree;
 };
 
-answer run_request(const plugin_handle &p, const std::vector<std::string> &words) {
-    std::vector<char *> pointers;
-    std::vector<std::string> copies = words;  // the plug-in gets writable texts
-    std::size_t bytes = offsetof(CommandArgs, argv) + sizeof(char *) * (copies.size() + 1);
-    auto *args = static_cast<CommandArgs *>(std::calloc(1, bytes));
-    if (args == nullptr) return {1, nullptr};
-    args->argc = static_cast<int32_t>(copies.size());
-    for (std::size_t i = 0; i < copies.size(); ++i) args->argv[i] = copies[i].data();
-    CommandRequest request{host_marker, host_marker, args};
+answer run_request(const host::loaded_plugin &p, const std::vector<std::string> &words) {
     vtrsim::xml_node *root = vtrsim::new_root("response");
-    int32_t result = p.run(&request, nullptr, nullptr, root);
-    std::free(args);
-    return {result, root};
+    return {host::run_plugin(p, words, root), root};
 }
 
-void print_describe(const plugin_handle &p) {
+void print_describe(const host::loaded_plugin &p) {
     const CommandDescriptor &d = p.descriptor;
+    using host::host_marker;
     bool untouched = d.host_word0 == host_marker && d.host_word36 == host_marker &&
                      d.host_word44 == host_marker && d.host_word48 == host_marker;
     std::fprintf(protocol, "name: %.*s\n", static_cast<int>(sizeof d.name), d.name);
@@ -255,7 +178,7 @@ struct json_reader {
     }
 };
 
-int serve_stdio(const plugin_handle &p) {
+int serve_stdio(const host::loaded_plugin &p) {
     char *line = nullptr;
     size_t cap = 0;
     ssize_t len;
@@ -323,7 +246,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     if (!drives.empty() && host::enter_drives_namespace(drives, argv, "vtr-host", {plugin_path}) != 0) return 1;
-    if (plugin_path.empty()) plugin_path = default_plugin();
+    if (plugin_path.empty()) plugin_path = host::default_plugin_path();
 
     // The host's own output keeps the original standard output; whatever
     // the plug-in prints goes to standard error.
@@ -334,8 +257,12 @@ int main(int argc, char **argv) {
     }
     host::enter_work_directory("vtr-host");
 
-    plugin_handle p;
-    if (!load_plugin(plugin_path, p)) return 1;
+    host::loaded_plugin p;
+    std::string error;
+    if (!host::load_plugin(plugin_path.c_str(), p, error)) {
+        std::fprintf(stderr, "vtr-host: cannot load %s: %s\n", plugin_path.c_str(), error.c_str());
+        return 1;
+    }
 
     int status = 0;
     if (command == "describe") {

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/io.h"
+
 namespace host {
 namespace {
 
@@ -127,8 +129,7 @@ int run_watch(int argc, char **argv) {
     char buf[4096];
     bool open_line = false;  // a redrawn line is on the terminal
     for (;;) {
-        ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = base::retry_eintr([&] { return ::read(fd, buf, sizeof buf); });
         if (n <= 0) break;
         pending.append(buf, static_cast<std::size_t>(n));
         std::size_t start = 0;

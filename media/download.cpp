@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/answer.h"
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/result.h"
@@ -52,9 +53,7 @@ bool is_subtitle_query(const char *address) noexcept {
 }
 
 void answer_path(VantorXmlNode *response_slot, const char *path) noexcept {
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&node, "path", path);
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
+    base::add_element(base::response_of(response_slot), "path", path);
 }
 
 // Starts a program and waits for it, at most time_limit seconds (0: no

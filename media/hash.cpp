@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/answer.h"
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/result.h"
@@ -90,11 +91,8 @@ uint64_t hash_file(const char *path) noexcept {
 }  // namespace
 
 base::rc calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return base::rc::bad_argument;
-    CommandArgs *args = request->args;
-    if (args->argc < 2 || args->argv[1] == nullptr) return base::rc::bad_argument;
     base::unique_malloc<char> resolved;
-    const char *path = storage::resolve_network_address(args->argv[1], resolved);
+    const char *path = storage::resolve_first_argument(request, resolved);
     if (path == nullptr) return base::rc::bad_argument;
     bool folder = is_path_folder(path) == 1;
     if (::access(path, F_OK) != 0) return base::rc::bad_path;
@@ -104,9 +102,7 @@ base::rc calculate_user_storage_file_hash(VantorXmlNode *response_slot, CommandR
         unsigned long long hash = hash_file(path);
         std::snprintf(text, sizeof text, "%llx", hash);
     }
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&node, "hash", text);
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
+    base::add_element(base::response_of(response_slot), "hash", text);
     return base::rc::ok;
 }
 

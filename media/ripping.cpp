@@ -2,11 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#if FILEOP_HAVE_POSIX_SPAWN
-#include <spawn.h>
-#endif
 
 #include <array>
 #include <cerrno>
@@ -19,8 +15,6 @@
 #include "base/spawn.h"
 #include "base/text.h"
 #include "storage/paths.h"
-
-extern char **environ;
 
 namespace media {
 namespace {
@@ -87,35 +81,6 @@ void say(const char *text) noexcept {
 }
 
 void say_no_device() noexcept { say("No device detected System will be aborted \n"); }
-
-// Starts the ripper found through the program path, without waiting.
-pid_t start_ripper(const char *const argv[]) noexcept {
-    auto args = const_cast<char *const *>(argv);
-#if FILEOP_HAVE_POSIX_SPAWN
-    pid_t pid = -1;
-    return ::posix_spawnp(&pid, argv[0], nullptr, nullptr, args, environ) == 0 ? pid : -1;
-#else
-    pid_t pid = ::vfork();
-    if (pid == 0) {
-        ::execvp(argv[0], args);
-        ::_exit(0);
-    }
-    if (pid < 0) std::perror("vfork :\n");
-    return pid;
-#endif
-}
-
-// Polls once a second without blocking, so the request thread notices the
-// end of the rip however it comes.
-void wait_for_ripper(pid_t pid) noexcept {
-    for (;;) {
-        int status = 0;
-        pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid) return;
-        if (r < 0 && errno != EINTR) return;
-        ::sleep(1);
-    }
-}
 
 void run_fixed(const char *program, const char *argument_word = nullptr) noexcept {
     const char *argv[] = {program, argument_word, nullptr};
@@ -257,8 +222,7 @@ base::rc start_ripping(const CommandRequest *request) noexcept {
     std::printf("Command counter  = %d\n", static_cast<int>(filled));
     std::fflush(stdout);
     std::fflush(stderr);
-    pid_t pid = start_ripper(argv);
-    if (pid > 0) wait_for_ripper(pid);
+    (void)base::run_program(argv);  // the request ends with the rip, however it ends
     return rc::ok;
 }
 

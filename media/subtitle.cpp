@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/answer.h"
 #include "base/owners.h"
 #include "base/result.h"
 #include "base/spawn.h"
@@ -35,35 +36,24 @@ std::string_view subtitle_stem(std::string_view path, bool folder) noexcept {
 }  // namespace
 
 base::rc search_user_storage_subtitle(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
-    if (request == nullptr || request->args == nullptr) return base::rc::bad_argument;
-    CommandArgs *args = request->args;
-    if (args->argc < 2 || args->argv[1] == nullptr) return base::rc::bad_argument;
     base::unique_malloc<char> resolved;
-    const char *video = storage::resolve_network_address(args->argv[1], resolved);
+    const char *video = storage::resolve_first_argument(request, resolved);
     if (video == nullptr) return base::rc::bad_argument;
     std::string_view path(video);
     if (path.size() >= subtitle_path_max) return base::rc::bad_argument;
     std::string_view stem = subtitle_stem(path, is_path_folder(video) == 1);
 
-    VantorXmlNode subtitles = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&subtitles, "subtitles", "");
+    VantorXmlNode subtitles = base::add_element(base::response_of(response_slot), "subtitles", "");
     bool found = false;
     for (std::string_view extension : subtitle_extensions) {
         char candidate[subtitle_path_max];
         // A candidate too long for the buffer is not looked for.
         if (!base::copy_text(candidate, stem) || !base::append_text(candidate, extension)) continue;
         if (::access(candidate, F_OK) != 0) continue;
-        VantorXmlNode node = nullptr;
-        VANTOR_SIMPLE_XML_new_node(&node, "subtitle", candidate);
-        VANTOR_SIMPLE_XML_add_child_node(subtitles, node);
+        base::add_element(subtitles, "subtitle", candidate);
         found = true;
     }
-    if (!found) {
-        VantorXmlNode empty = nullptr;
-        VANTOR_SIMPLE_XML_new_node(&empty, "subtitle", "");
-        VANTOR_SIMPLE_XML_add_child_node(subtitles, empty);
-    }
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, subtitles);
+    if (!found) base::add_element(subtitles, "subtitle", "");
     return base::rc::ok;
 }
 

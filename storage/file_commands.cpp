@@ -9,13 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/answer.h"
 #include "base/owners.h"
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
-#include "storage/streams.h"
 
 namespace storage {
 namespace {
@@ -30,19 +30,6 @@ using unique_file = std::unique_ptr<FILE, file_closer>;
 bool translated(int32_t kind) noexcept { return kind == network_path || kind == local_path; }
 
 const char *arg(CommandRequest *request, int i) noexcept { return request->args->argv[i]; }
-
-void append_element(VantorXmlNode *response_slot, const char *tag, const char *text) noexcept {
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node(&node, tag, text);
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
-}
-
-void append_bytes(VantorXmlNode *response_slot, const char *tag, const void *data,
-                  unsigned int length) noexcept {
-    VantorXmlNode node = nullptr;
-    VANTOR_SIMPLE_XML_new_node_binary(&node, tag, data, length);
-    VANTOR_SIMPLE_XML_add_child_node(*response_slot, node);
-}
 
 // Cuts the path at its last "/" (the parent folder); false when it has none.
 bool cut_at_last_slash(base::path_buffer &path) noexcept {
@@ -81,6 +68,13 @@ read_span plan_read(uint32_t offset, uint32_t count, uint64_t total) noexcept {
     if (offset >= total) return {offset, 1};  // at or past the end: nothing to read
     if (offset + wanted < total) return {offset, wanted + 1};
     return {offset, total - offset};
+}
+
+long long stream_size_plus_one(FILE *stream) noexcept {
+    ::fseeko(stream, 0, SEEK_END);
+    long long size = ::ftello(stream);
+    std::rewind(stream);
+    return size + 1;
 }
 
 uint64_t write_length(uint32_t count, uint64_t content_length) noexcept {
@@ -144,6 +138,7 @@ base::rc write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandReque
 }
 
 base::rc read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    VantorXmlNode response = base::response_of(response_slot);
     base::path_buffer path;
     if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
     if (!isfileexist(path)) return rc::not_found;
@@ -175,14 +170,15 @@ base::rc read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *re
     }
     if (got > 0) {
         buffer.get()[got] = '\0';
-        append_bytes(response_slot, "content", buffer.get(), static_cast<unsigned int>(got));
+        base::add_bytes(response, "content", buffer.get(), static_cast<unsigned int>(got));
     } else {
-        append_element(response_slot, "content", "");
+        base::add_element(response, "content", "");
     }
     return rc::ok;
 }
 
 base::rc get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
+    VantorXmlNode response = base::response_of(response_slot);
     base::path_buffer path;
     if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     sort_mime_table();
@@ -192,30 +188,30 @@ base::rc get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest
 
     char text[32];
     base::format_into(text, "%llu", static_cast<unsigned long long>(st.st_size));
-    append_element(response_slot, "fileSize", text);
+    base::add_element(response, "fileSize", text);
 
     if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     const char *mime = mime_type_for_path(path);
-    append_element(response_slot, "mimeType", mime);
+    base::add_element(response, "mimeType", mime);
 
     // The name as the client wrote it; an argument without any "/" is a
     // name by itself.
     const char *client_path = arg(request, 1);
     const char *slash = std::strrchr(client_path, '/');
-    append_element(response_slot, "name", slash != nullptr ? slash + 1 : client_path);
+    base::add_element(response, "name", slash != nullptr ? slash + 1 : client_path);
 
     if (std::strncmp(mime, "image", 5) == 0) {
         int width = 0;
         int height = 0;
         picture_size(path, mime, &width, &height);
         base::format_into(text, "%d", width);
-        append_element(response_slot, "width", text);
+        base::add_element(response, "width", text);
         base::format_into(text, "%d", height);
-        append_element(response_slot, "height", text);
+        base::add_element(response, "height", text);
     }
 
     owner_permission_text(st.st_mode, text);
-    append_element(response_slot, "permission", text);
+    base::add_element(response, "permission", text);
     return rc::ok;
 }
 

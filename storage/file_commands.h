@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 #include "base/result.h"
 #include "platform/host_api.h"
@@ -30,6 +31,10 @@ struct read_span {
     uint64_t buffer_size;  // >= 1; bytes to read = buffer_size - 1
 };
 read_span plan_read(uint32_t offset, uint32_t count, uint64_t total) noexcept;
+
+// The size of an open file plus one (room for a terminating NUL), as the
+// reads of user and app storage take it; the stream is left at its start.
+long long stream_size_plus_one(FILE *stream) noexcept;
 
 // Bytes of `content_length` that a write with the client's count stores.
 uint64_t write_length(uint32_t count, uint64_t content_length) noexcept;

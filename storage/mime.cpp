@@ -12,7 +12,7 @@
 
 extern "C" {
 
-FILEOP_EXPORT MimeEntry file_mime_table[mime_table_size] = {
+FILEOP_EXPORT mime_entry file_mime_table[mime_table_size] = {
     {".aac", "audio/aac"},  // row 19
     {".ac3", "audio/ac3"},  // row 18
     {".ape", "audio/mac"},  // row 27
@@ -113,7 +113,7 @@ void sort_mime_table() noexcept {
     // exported table; then a stable insertion sort puts it back.
     if (table_in_order()) return;
     for (int i = 1; i < mime_table_size; ++i) {
-        MimeEntry moving = file_mime_table[i];
+        mime_entry moving = file_mime_table[i];
         int j = i;
         while (j > 0 && ::strcasecmp(file_mime_table[j - 1].extension, moving.extension) > 0) {
             file_mime_table[j] = file_mime_table[j - 1];

@@ -3,14 +3,14 @@
 #pragma once
 
 extern "C" {
-struct MimeEntry {
+struct mime_entry {
     const char *extension;  // with its leading dot
     const char *type;
 };
 }
 
 inline constexpr int mime_table_size = 76;
-extern "C" MimeEntry file_mime_table[mime_table_size];
+extern "C" mime_entry file_mime_table[mime_table_size];
 
 namespace storage {
 

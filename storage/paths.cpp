@@ -169,6 +169,12 @@ const char *resolve_network_address(const char *argument, base::unique_malloc<ch
     return holder.get();
 }
 
+const char *resolve_first_argument(const CommandRequest *request, base::unique_malloc<char> &holder) noexcept {
+    if (request == nullptr || request->args == nullptr || request->args->argc < 2) return nullptr;
+    const char *argument = request->args->argv[1];
+    return argument != nullptr ? resolve_network_address(argument, holder) : nullptr;
+}
+
 int64_t partition_free_bytes(const char *path) noexcept {
     long long space[3] = {0, 0, 0};
     // A drive whose figures cannot be read has no room.

@@ -7,6 +7,7 @@
 #include "base/owners.h"
 #include "base/spawn.h"
 #include "base/text.h"
+#include "platform/host_api.h"
 
 namespace storage {
 
@@ -43,6 +44,8 @@ int32_t load_and_translate(base::path_buffer &buffer, const char *argument) noex
 // be resolved, or (confinement switch on) when the path is not absolute
 // inside the drives root.
 const char *resolve_network_address(const char *argument, base::unique_malloc<char> &holder) noexcept;
+// The same for argv[1] of a request; null too when the request holds none.
+const char *resolve_first_argument(const CommandRequest *request, base::unique_malloc<char> &holder) noexcept;
 
 // The opt-in confinement switch: the configuration variable
 // "file_operation_confine" set to "1", "true", "yes" or "on" (any case).

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/io.h"
 #include "host/sim/config.h"
 #include "host/sim/vtrsim_export.h"
 #include "platform/host_api.h"
@@ -239,9 +240,8 @@ VTRSIM_API int filereadline(int fd, char *buf, int size) {
     bool any = false;
     for (;;) {
         char c;
-        ssize_t n = ::read(fd, &c, 1);
+        ssize_t n = base::retry_eintr([&] { return ::read(fd, &c, 1); });
         if (n < 0) {
-            if (errno == EINTR) continue;
             buf[stored] = '\0';
             return -1;
         }

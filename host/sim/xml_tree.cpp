@@ -82,41 +82,19 @@ bool valid_utf8(std::string_view s) {
     return true;
 }
 
-void append_xml_text(std::string &out, std::string_view s) {
-    bool utf8 = valid_utf8(s);
-    char ref[16];
-    for (char ch : s) {
-        auto c = static_cast<unsigned char>(ch);
-        switch (c) {
-        case '&': out += "&amp;"; continue;
-        case '<': out += "&lt;"; continue;
-        case '>': out += "&gt;"; continue;
-        case '"': out += "&quot;"; continue;
-        case '\'': out += "&apos;"; continue;
-        default: break;
-        }
-        if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f || (c >= 0x80 && !utf8)) {
-            std::snprintf(ref, sizeof ref, "&#x%02X;", c);
-            out += ref;
-        } else {
-            out += ch;
-        }
-    }
-}
-
 void append_xml(std::string &out, const xml_node *n) {
     std::string tag = n->tag.empty() ? std::string("_") : n->tag;
     out += '<';
-    append_xml_text(out, tag);
+    append_xml_text(out, tag, xml_text_rules::bytes_as_references);
     if (n->text.empty() && n->children.empty()) {
         out += "/>";
         return;
     }
     out += '>';
-    append_xml_text(out, n->text);
+    append_xml_text(out, n->text, xml_text_rules::bytes_as_references);
     for (const xml_node *c : n->children) append_xml(out, c);
     out += "</";
-    append_xml_text(out, tag);
+    append_xml_text(out, tag, xml_text_rules::bytes_as_references);
     out += '>';
 }
 
@@ -200,6 +178,32 @@ std::size_t orphan_nodes() {
         if (r.roots.count(top) == 0) ++count;
     }
     return count;
+}
+
+void append_xml_text(std::string &out, std::string_view text, xml_text_rules rules) {
+    const bool references = rules == xml_text_rules::bytes_as_references;
+    const bool utf8 = references && valid_utf8(text);
+    char ref[16];
+    for (char ch : text) {
+        auto c = static_cast<unsigned char>(ch);
+        switch (c) {
+        case '&': out += "&amp;"; continue;
+        case '<': out += "&lt;"; continue;
+        case '>': out += "&gt;"; continue;
+        case '"': out += "&quot;"; continue;
+        case '\'': out += "&apos;"; continue;
+        default: break;
+        }
+        if (!references) {
+            if (c == '\r') out += "&#13;";
+            else out += ch;
+        } else if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f || (c >= 0x80 && !utf8)) {
+            std::snprintf(ref, sizeof ref, "&#x%02X;", c);
+            out += ref;
+        } else {
+            out += ch;
+        }
+    }
 }
 
 std::string to_xml(const xml_node *node) {

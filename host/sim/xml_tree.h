@@ -33,6 +33,20 @@ std::size_t live_nodes();
 // those below them included.
 std::size_t orphan_nodes();
 
+// How append_xml_text escapes. Both write the five markup characters as
+// entities; they differ in what else becomes a character reference.
+enum class xml_text_rules {
+    // Also a carriage return, as "&#13;", so a parser does not turn it into
+    // a line feed; every other byte as it is (the HTTP front end sends only
+    // text that is already valid XML characters this way).
+    keep_carriage_return,
+    // Also control bytes other than tab, line feed and carriage return, DEL
+    // and, in text that is not valid UTF-8, every byte above 0x7f, as
+    // "&#xHH;" with the byte value (to_xml: any bytes stay well-formed).
+    bytes_as_references,
+};
+void append_xml_text(std::string &out, std::string_view text, xml_text_rules rules);
+
 // Well-formed XML of node and its subtree. Markup characters are escaped;
 // control bytes and, in text that is not valid UTF-8, every byte above 0x7f
 // become character references whose number is the byte value.

@@ -126,8 +126,7 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
 
 
 class OtherUserHost(Host):
-    """A host process of its own running as user 1001 without groups, from
-    copies of the programs in a folder that user reaches wherever the build is."""
+    """A host of its own as user 1001 without groups, from copies of the programs in a folder that user reaches."""
 
     def start(self):
         own = OPT / "user1001"
@@ -160,23 +159,15 @@ def test_permission_denied_as_another_user(drives, config):
     try:
         if h.run("no_such_command").result != 1:
             pytest.skip("the host cannot run as user 1001")
-        cases = [
-            (("create_user_storage_file", str(locked / "n.txt")), 402),
-            (("create_user_storage_directory", "U/locked/new"), 402),
-            (("read_user_storage_file", "U/secret.txt", "0", "0"), 402),
-            (("write_user_storage_file", "U/secret.txt", "true", "x", "0"), 0),
+        assert results(h, [
+            (("create_user_storage_file", str(locked / "n.txt")), 402), (("create_user_storage_directory", "U/locked/new"), 402),
+            (("read_user_storage_file", "U/secret.txt", "0", "0"), 402), (("write_user_storage_file", "U/secret.txt", "true", "x", "0"), 0),
             (("rename_user_storage_file", "U/locked/open.txt", "U/locked/o2.txt"), 402),  # probe
-            (("copy_user_storage_file", "U/mine.txt", "U/locked"), 402),
-            (("backup_user_storage_file", "U/secret.txt", "U/s.bak"), 402),
+            (("copy_user_storage_file", "U/mine.txt", "U/locked"), 402), (("backup_user_storage_file", "U/secret.txt", "U/s.bak"), 402),
             (("move_user_storage_file", "U/secret.txt", "U/locked"), 402),
-            # rm cannot unlink in a folder without write permission: still 0.
-            (("delete_user_storage_file", "U/locked/open.txt"), 0),
-            (("rename_user_storage_file", "U/mine.txt", "U/mine2.txt"), 0),
-        ]
-        got = [h.run(*words).result for words, _ in cases]
-        assert got == [code for _, code in cases]
-        assert (locked / "open.txt").exists()
-        assert (user / "mine2.txt").read_bytes() == b"m"
+            (("delete_user_storage_file", "U/locked/open.txt"), 0),  # rm cannot unlink there: still 0
+            (("rename_user_storage_file", "U/mine.txt", "U/mine2.txt"), 0)]) == []
+        assert (locked / "open.txt").exists() and (user / "mine2.txt").read_bytes() == b"m"
         assert (user / "secret.txt").read_bytes() == b"sx"
     finally:
         h.close()

@@ -5,8 +5,6 @@
 
 #include <cerrno>
 
-#include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
@@ -90,7 +88,7 @@ TEST(Mime, SortedStableTableAndLookup) {
     for (int i = 1; i < mime_table_size; ++i)
         EXPECT_LE(::strcasecmp(file_mime_table[i - 1].extension, file_mime_table[i].extension), 0) << i;
     for (int i = 0; i < mime_table_size; ++i) {  // with duplicates the first row met wins
-        const MimeEntry &e = file_mime_table[i];
+        const mime_entry &e = file_mime_table[i];
         if (std::strcmp(e.type, "video/mpe") == 0) continue;
         EXPECT_STREQ(storage::mime_type_for_path((std::string("file") + e.extension).c_str()), e.type) << e.extension;
     }
