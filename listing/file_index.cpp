@@ -19,11 +19,11 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
-#include "listing/names.h"
+#include "listing/filters.h"
 #include "listing/network.h"
-#include "listing/order.h"
+#include "listing/sort_orders.h"
 #include "media/disc.h"
+#include "storage/display_names.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
@@ -105,7 +105,7 @@ bool scan_folder(const char *parent, sort_kind kind, std::vector<scanned> &items
             std::strcmp(name, "NETWORK_SHARE") != 0) {
             base::path_buffer path;
             char label[512];
-            if (base::format_into(path, "%s/%s", parent, name)) drive_display_name(path, label);
+            if (base::format_into(path, "%s/%s", parent, name)) storage::drive_display_name(path, label);
             else base::copy_text(label, "Unknown");
             item.label_offset = names.size();
             names.insert(names.end(), label, label + std::strlen(label) + 1);

@@ -14,8 +14,10 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
+#include "listing/cache_records.h"
+#include "listing/dates.h"
+#include "listing/filters.h"
 #include "listing/network.h"
-#include "listing/order.h"
 #include "listing/share_list.h"
 #include "storage/paths.h"
 

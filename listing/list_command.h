@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "base/result.h"
-#include "listing/format.h"
+#include "listing/cache_records.h"
 #include "platform/host_api.h"
 
 namespace listing {

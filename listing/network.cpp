@@ -13,8 +13,9 @@
 
 #include "base/answer.h"
 #include "base/export.h"
-#include "listing/names.h"
-#include "listing/order.h"
+#include "listing/cache_records.h"
+#include "listing/filters.h"
+#include "storage/display_names.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
@@ -231,9 +232,9 @@ int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool chec
     if (parent == nullptr) return 0;
     int32_t count = 0;
     const char *device = "";  // a URL of neither scheme repeats the previous share's value
-    for (int n = 0; n < netfs_pairs; ++n) {
-        base::unique_malloc<char> name = netfs_variable("netfs_name", n);
-        base::unique_malloc<char> url = netfs_variable("netfs_url", n);
+    for (int n = 0; n < storage::netfs_pairs; ++n) {
+        base::unique_malloc<char> name = storage::netfs_variable("netfs_name", n);
+        base::unique_malloc<char> url = storage::netfs_variable("netfs_url", n);
         if (name == nullptr || url == nullptr) continue;
 
         VantorXmlNode file = base::new_element("file", "");
@@ -270,10 +271,10 @@ bool local_path_to_share_url(const char *local_path, char (&out)[base::path_max]
     if (local_path == nullptr || !base::starts_with(local_path, mounts)) return false;
     std::string_view folder(local_path + mounts.size());
     folder = folder.substr(0, folder.find('/'));
-    for (int n = 0; n < netfs_pairs; ++n) {
-        base::unique_malloc<char> name = netfs_variable("netfs_name", n);
+    for (int n = 0; n < storage::netfs_pairs; ++n) {
+        base::unique_malloc<char> name = storage::netfs_variable("netfs_name", n);
         if (name == nullptr || folder != name.get()) continue;
-        base::unique_malloc<char> url = netfs_variable("netfs_url", n);
+        base::unique_malloc<char> url = storage::netfs_variable("netfs_url", n);
         if (url == nullptr) continue;
         base::path_buffer mount;
         if (!mount_path_of(url.get(), mount) || mount[0] == '\0') continue;

@@ -8,7 +8,7 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
+#include "listing/cache_records.h"
 #include "platform/host_api.h"
 
 // listtype of a client request, indexed by wantFiles + 2 * wantFolders:

@@ -16,9 +16,11 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
+#include "listing/dates.h"
+#include "listing/filters.h"
 #include "listing/network.h"
-#include "listing/order.h"
+#include "listing/search_classification.h"
+#include "listing/search_walk.h"
 #include "listing/share_list.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
@@ -30,6 +32,22 @@ using base::rc;
 
 constexpr int max_open_folders = 20;
 constexpr uint64_t default_range = 99999;
+
+// The walk context of one deep search; each search has its own, handed to
+// the walk callback as its context pointer.
+struct walk_context {
+    uint64_t skip;       // matches still to pass over before the page
+    uint64_t remaining;  // matches still to write into the page
+    int want_folders;
+    int want_files;
+    int with_details;
+    const char *filter_word;
+    const char *keyword;
+    VantorXmlNode file_list;
+    int written;
+    int available_file;
+    int available_folder;
+};
 
 // One match written into the page: name, path, the file or folder form, and
 // with details the size and both dates.
@@ -69,8 +87,8 @@ void take_match(walk_context &ctx, walk_entry &entry, const char *type_word) noe
     --ctx.remaining;
 }
 
-}  // namespace
-
+// The walk callback of the deep search: the search classification applied to
+// one entry; walk_stop when the context is null.
 int search_visit(walk_entry &entry, void *context) noexcept {
     auto *ctx = static_cast<walk_context *>(context);
     if (ctx == nullptr) return walk_stop;
@@ -101,6 +119,8 @@ int search_visit(walk_entry &entry, void *context) noexcept {
     }
     return walk_continue;
 }
+
+}  // namespace
 
 base::rc deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
                     const walk_hooks *hooks) noexcept {

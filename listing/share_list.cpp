@@ -20,11 +20,14 @@
 #include "base/owners.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
-#include "listing/names.h"
+#include "listing/cache_records.h"
+#include "listing/dates.h"
+#include "listing/filters.h"
 #include "listing/network.h"
-#include "listing/order.h"
+#include "listing/sort_orders.h"
+#include "listing/type_words.h"
 #include "media/disc.h"
+#include "storage/display_names.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
@@ -270,7 +273,7 @@ bool read_folder(share_list_call &call, const char *search_text, sort_kind kind,
         item.label_offset = SIZE_MAX;
         if (sort_needs_label(kind) && sorts_as_folder(e->d_type)) {
             char label[512];
-            drive_display_name(entry_path(call, name), label);
+            storage::drive_display_name(entry_path(call, name), label);
             item.label_offset = names.size();
             names.insert(names.end(), label, label + std::strlen(label) + 1);
         }

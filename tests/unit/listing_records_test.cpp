@@ -1,6 +1,6 @@
 // Disc structure detection, the listing key and cache records byte by byte, the cache lookup, and the share list of a
 // local folder (paging counters, filters, sort). (Network answer files: end-to-end and fuzz_smb_answer.)
-#include "listing/format.h"
+#include "listing/cache_records.h"
 #include "listing/list_command.h"
 #include "listing/share_list.h"
 #include "media/disc.h"
