@@ -171,15 +171,14 @@ base::rc network_search(VantorXmlNode *response_slot, const char *url, int64_t o
     if (!format_search_request(line, offset, range, netfs_list_type(request.want_folders, request.want_files),
                                network_filter_code(request.filter_word), request.keyword, subfolders))
         return rc::bad_argument;
-    netfs_answer_lock answer_held;  // from the client's start to the end of the reading
-    int status = run_netfs_client(line, url);
-    if (status != 0) return base::from_host(vtr_network_error_handler(status));
     network_listing listing;
     listing.want_folders = request.want_folders;
     listing.want_files = request.want_files;
     listing.with_details = request.with_details;
     listing.filter_word = request.filter_word;
-    return list_network_folder(response_slot, url, listing) != rc::ok ? rc::io : rc::ok;
+    return run_netfs_request(line, url, [&]() noexcept {
+        return list_network_folder(response_slot, url, listing) != rc::ok ? rc::io : rc::ok;
+    });
 }
 
 }  // namespace

@@ -1,12 +1,19 @@
 #include "listing/sort_orders.h"
 
+#include <array>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <utility>
+
+#include "base/text.h"
 
 namespace listing {
 namespace {
+
+constexpr std::array<std::string_view, 6> sort_keys{"name_asc", "name_dsc", "size_asc",
+                                                    "size_dsc", "date_asc", "date_dsc"};
 
 template <entry_comparator *compare>
 void merge_sort(sort_entry **items, sort_entry **scratch, std::size_t n) noexcept {
@@ -128,6 +135,13 @@ void sort_entries(std::span<sort_entry *> entries, sort_kind kind) noexcept {
     case sort_kind::drive_name_ascending: return sort_with<compare_drive_name_ascending>(entries);
     case sort_kind::drive_name_descending: return sort_with<compare_drive_name_descending>(entries);
     }
+}
+
+int sort_order_of(const char *text) noexcept {
+    if (text == nullptr) return 0;
+    for (std::size_t i = 0; i < sort_keys.size(); ++i)
+        if (base::iequals(text, sort_keys[i])) return static_cast<int>(i);
+    return 0;
 }
 
 }  // namespace listing

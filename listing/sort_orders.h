@@ -36,6 +36,10 @@ int compare_drive_name_descending(const sort_entry &a, const sort_entry &b) noex
 
 using entry_comparator = int(const sort_entry &, const sort_entry &) noexcept;
 
+// sortOrder of a sort word ("name_asc" 0, "name_dsc" 1, "size_asc" 2,
+// "size_dsc" 3, "date_asc" 4, "date_dsc" 5, any case); 0 for anything else.
+int sort_order_of(const char *word) noexcept;
+
 // The selection table of the local lister: a keyword forces name
 // ascending; sortOrder 0/1 (and any value outside 1..5 as 0) use the drive
 // orders at the top level with filter word "local".
