@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "host/sim/xml_tree.h"
-#include "listing/search.h"
+#include "listing/search_walk.h"
 
 namespace {
 

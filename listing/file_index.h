@@ -16,10 +16,6 @@ namespace listing {
 // (1-based, empty when the entry is not counted) and "total".
 base::rc get_user_storage_file_index(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
 
-// Sort order code of a sort word: "name_dsc" 1, "size_asc" 2, "size_dsc" 3,
-// "date_asc" 4, "date_dsc" 5 (any case), anything else 0.
-int index_sort_order(const char *word) noexcept;
-
 struct index_count {
     int32_t index = 0;  // 0: not counted
     int32_t total = 0;

@@ -10,33 +10,27 @@
 #include <string_view>
 
 #include "base/answer.h"
+#include "base/io.h"
 #include "base/owners.h"
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
+#include "listing/cache_records.h"
+#include "listing/dates.h"
+#include "listing/filters.h"
 #include "listing/network.h"
-#include "listing/order.h"
 #include "listing/share_list.h"
+#include "listing/sort_orders.h"
 #include "storage/paths.h"
 
 namespace listing {
 namespace {
 
-constexpr std::array<std::string_view, 6> sort_keys{"name_asc", "name_dsc", "size_asc",
-                                                    "size_dsc", "date_asc", "date_dsc"};
 constexpr int64_t whole_folder_range = 99999;
 
 // Reads exactly n bytes; false at end of file or on a short read.
 bool read_record(int fd, void *out, std::size_t n) noexcept {
-    auto *p = static_cast<unsigned char *>(out);
-    std::size_t got = 0;
-    while (got < n) {
-        ssize_t r = ::read(fd, p + got, n - got);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        got += static_cast<std::size_t>(r);
-    }
-    return true;
+    return base::read_full(fd, out, n) == static_cast<ssize_t>(n);
 }
 
 template <std::size_t N>
@@ -89,13 +83,6 @@ bool same_page(const listing_key &a, const listing_key &b) noexcept {
 const char *arg(CommandArgs *args, int i) noexcept { return i < args->argc ? args->argv[i] : nullptr; }
 
 }  // namespace
-
-int sort_order_of(const char *text) noexcept {
-    if (text == nullptr) return 0;
-    for (std::size_t i = 0; i < sort_keys.size(); ++i)
-        if (base::iequals(text, sort_keys[i])) return static_cast<int>(i);
-    return 0;
-}
 
 int cache_lookup(VantorXmlNode *response_slot, const listing_key &key, const char *request_path, bool with_details,
                  const char *file) noexcept {
@@ -192,17 +179,15 @@ base::rc list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *re
     if (!format_list_request(line, offset, range, netfs_list_type(want_folders, want_files),
                              network_filter_code(filter_word), sort_order))
         return base::rc::bad_argument;
-    netfs_answer_lock lock;
-    int status = run_netfs_client(line, path);
-    if (status != 0) return base::from_host(vtr_network_error_handler(status));
     network_listing listing;
     listing.want_folders = want_folders;
     listing.want_files = want_files;
     listing.with_details = with_details;
     listing.filter_word = filter_word;
     listing.cache_key = caching ? &key : nullptr;
-    if (list_network_folder(response_slot, path, listing) != base::rc::ok) return base::rc::io;
-    return base::rc::ok;
+    return run_netfs_request(line, path, [&]() noexcept {
+        return list_network_folder(response_slot, path, listing) != base::rc::ok ? base::rc::io : base::rc::ok;
+    });
 }
 
 }  // namespace listing

@@ -5,16 +5,12 @@
 #include <cstdint>
 
 #include "base/result.h"
-#include "listing/format.h"
+#include "listing/cache_records.h"
 #include "platform/host_api.h"
 
 namespace listing {
 
 base::rc list_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-
-// sortOrder of a sort key text ("name_asc" 0 ... "date_dsc" 5, any case);
-// 0 for anything else.
-int sort_order_of(const char *text) noexcept;
 
 enum cache_state : int { cache_answered = 0, cache_skip = 1, cache_store = 2 };
 

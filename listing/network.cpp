@@ -13,8 +13,10 @@
 
 #include "base/answer.h"
 #include "base/export.h"
-#include "listing/names.h"
-#include "listing/order.h"
+#include "base/io.h"
+#include "listing/cache_records.h"
+#include "listing/filters.h"
+#include "storage/display_names.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
@@ -24,10 +26,6 @@ FILEOP_EXPORT int32_t netfs_option[4] = {1, 2, 3, 1};
 
 namespace listing {
 namespace {
-
-constexpr int line_buffer = 4095;  // up to 4094 characters a line
-constexpr std::size_t field_cut = 255;
-constexpr int max_fields = 5;
 
 // What a type code of the answer file becomes.
 struct type_code {
@@ -57,27 +55,17 @@ const type_code *find_type_code(const char *code) noexcept {
     return nullptr;
 }
 
-// One field line split at "|": the first five fields, the first four cut to
+// The field line split at "|": the first five fields, the first four cut to
 // 255 characters, the fifth up to the next "|"; surplus fields ignored.
-struct field_line {
-    std::array<char[field_cut + 1], max_fields - 1> cut{};
-    char last[line_buffer]{};
-    int count = 0;
-    const char *field(int i) const noexcept {  // 0-based; "" when absent
-        if (i >= count) return "";
-        return i < max_fields - 1 ? cut[static_cast<std::size_t>(i)] : last;
-    }
-};
-
-void split_fields(const char *line, field_line &out) noexcept {
-    std::string_view rest(line);
+void split_fields(netfs_record &out) noexcept {
+    std::string_view rest(out.fields_text);
     out.count = 0;
-    while (out.count < max_fields) {
+    while (out.count < 5) {
         std::size_t bar = rest.find('|');
         std::string_view f = rest.substr(0, bar);
-        if (out.count < max_fields - 1) {
-            if (f.size() > field_cut) f = f.substr(0, field_cut);
-            base::copy_text(out.cut[static_cast<std::size_t>(out.count)], f);
+        if (out.count < 4) {
+            if (f.size() > 255) f = f.substr(0, 255);
+            base::copy_text(out.cut[out.count], f);
         } else {
             base::copy_text(out.last, f);
         }
@@ -132,9 +120,27 @@ bool mount_path_of(const char *url, base::path_buffer &out) noexcept {
 
 netfs_answer_lock::netfs_answer_lock() noexcept
     : fd_(::open("/tmp/smb.out.lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600)) {
-    if (fd_.valid())
-        while (::flock(fd_.get(), LOCK_EX) != 0 && errno == EINTR) {
-        }
+    if (fd_.valid()) (void)base::lock_file(fd_.get(), LOCK_EX);
+}
+
+bool open_netfs_answer(const char *answer_file, netfs_answer &answer) noexcept {
+    answer.in.reset(std::fopen(answer_file, "re"));
+    answer.record.reset(new (std::nothrow) netfs_record);
+    return answer.in != nullptr && answer.record != nullptr;
+}
+
+const netfs_record *next_netfs_record(netfs_answer &answer) noexcept {
+    netfs_record &r = *answer.record;
+    for (;;) {
+        if (std::fgets(r.fields_text, netfs_line_max, answer.in.get()) == nullptr ||
+            std::fgets(r.address_text, netfs_line_max, answer.in.get()) == nullptr)
+            return nullptr;
+        if (!take_line(r.fields_text) || !take_line(r.address_text)) continue;  // malformed pair
+        const char *url = std::strstr(r.address_text, "url=");
+        r.address = url != nullptr ? url + 4 : r.address_text;
+        split_fields(r);
+        return &r;
+    }
 }
 
 bool format_list_request(char (&line)[512], int64_t offset, int64_t range, int32_t list_type, int filter_code,
@@ -154,9 +160,8 @@ int run_netfs_client(const char *request_line, const char *url) noexcept {
 
 base::rc list_network_folder(VantorXmlNode *response_slot, const char *url, const network_listing &request,
                             const char *answer_file) noexcept {
-    FILE *in = std::fopen(answer_file, "re");
-    if (in == nullptr) return base::rc::io;
-    std::unique_ptr<FILE, int (*)(FILE *)> closer(in, &std::fclose);
+    netfs_answer answer;
+    if (!open_netfs_answer(answer_file, answer)) return base::rc::io;
     storage::sort_mime_table();
     VantorXmlNode response = response_slot != nullptr ? *response_slot : nullptr;
     const char *mime_prefix = mime_prefix_for_filter(request.filter_word);
@@ -165,21 +170,10 @@ base::rc list_network_folder(VantorXmlNode *response_slot, const char *url, cons
     int32_t count = 0;
     int32_t summary_files = 0;
     int32_t summary_folders = 0;
+    FILEOP_GUARD_BEGIN  // the cached page grows with the answer: no room fails the listing
     cache_page page;
-
-    static_assert(line_buffer < 8192);
-    auto fields_text = std::make_unique<char[]>(line_buffer);
-    auto address_text = std::make_unique<char[]>(line_buffer);
-    auto fields = std::make_unique<field_line>();
-    for (;;) {
-        char *first = std::fgets(fields_text.get(), line_buffer, in);
-        if (first == nullptr) break;
-        char *second = std::fgets(address_text.get(), line_buffer, in);
-        if (second == nullptr) break;
-        if (!take_line(first) || !take_line(second)) continue;  // malformed pair
-        const char *address = std::strstr(second, "url=");
-        address = address != nullptr ? address + 4 : second;
-        split_fields(first, *fields);
+    while (const netfs_record *fields = next_netfs_record(answer)) {
+        const char *address = fields->address;
         const char *code = fields->field(3);
 
         if (code == summary_code) {
@@ -215,7 +209,7 @@ base::rc list_network_folder(VantorXmlNode *response_slot, const char *url, cons
                                             parse_time(fields->field(2))));
         }
     }
-    closer.reset();
+    answer = {};
 
     base::add_number(response, "totalFile", count);
     base::path_buffer convert;
@@ -225,15 +219,16 @@ base::rc list_network_folder(VantorXmlNode *response_slot, const char *url, cons
     if (request.cache_key != nullptr && count > 0)
         append_cache_record(*request.cache_key, summary_files, summary_folders, convert, page);
     return base::rc::ok;
+    FILEOP_GUARD_END(base::rc::io)
 }
 
 int32_t append_network_shares(VantorXmlNode parent, bool with_details, bool check_library) noexcept {
     if (parent == nullptr) return 0;
     int32_t count = 0;
     const char *device = "";  // a URL of neither scheme repeats the previous share's value
-    for (int n = 0; n < netfs_pairs; ++n) {
-        base::unique_malloc<char> name = netfs_variable("netfs_name", n);
-        base::unique_malloc<char> url = netfs_variable("netfs_url", n);
+    for (int n = 0; n < storage::netfs_pairs; ++n) {
+        base::unique_malloc<char> name = storage::netfs_variable("netfs_name", n);
+        base::unique_malloc<char> url = storage::netfs_variable("netfs_url", n);
         if (name == nullptr || url == nullptr) continue;
 
         VantorXmlNode file = base::new_element("file", "");
@@ -266,14 +261,14 @@ bool local_path_to_share_url(const char *local_path, char (&out)[base::path_max]
     // Only the share whose display name is the folder below NETWORK_SHARE is
     // asked for its mount path: asking for every configured share could
     // make the network library mount them all.
-    constexpr std::string_view mounts = "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/";
+    constexpr std::string_view mounts = storage::network_share_tree;
     if (local_path == nullptr || !base::starts_with(local_path, mounts)) return false;
     std::string_view folder(local_path + mounts.size());
     folder = folder.substr(0, folder.find('/'));
-    for (int n = 0; n < netfs_pairs; ++n) {
-        base::unique_malloc<char> name = netfs_variable("netfs_name", n);
+    for (int n = 0; n < storage::netfs_pairs; ++n) {
+        base::unique_malloc<char> name = storage::netfs_variable("netfs_name", n);
         if (name == nullptr || folder != name.get()) continue;
-        base::unique_malloc<char> url = netfs_variable("netfs_url", n);
+        base::unique_malloc<char> url = storage::netfs_variable("netfs_url", n);
         if (url == nullptr) continue;
         base::path_buffer mount;
         if (!mount_path_of(url.get(), mount) || mount[0] == '\0') continue;

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 
 #include "base/owners.h"
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
+#include "listing/cache_records.h"
 #include "platform/host_api.h"
 
 // listtype of a client request, indexed by wantFiles + 2 * wantFolders:
@@ -38,6 +40,36 @@ private:
     base::unique_fd fd_;
 };
 
+// One record of the answer file: a field line ("|"-separated: name, size,
+// date, type code, ...) and an address line (the entry's URL after "url=",
+// or the whole line).
+inline constexpr int netfs_line_max = 4095;  // up to 4094 characters a line
+struct netfs_record {
+    char fields_text[netfs_line_max];
+    char address_text[netfs_line_max];
+    char cut[4][256];               // the first four fields, cut to 255 characters
+    char last[netfs_line_max];      // the fifth, up to the next "|"
+    int count = 0;                  // fields present, at most 5
+    const char *address = "";
+    const char *field(int i) const noexcept {  // 0-based; "" when absent
+        if (i >= count) return "";
+        return i < 4 ? cut[i] : last;
+    }
+};
+
+// The answer file, open for reading record by record.
+struct netfs_answer {
+    std::unique_ptr<FILE, int (*)(FILE *)> in{nullptr, &std::fclose};
+    std::unique_ptr<netfs_record> record;
+};
+
+// False when the file cannot be opened or there is no room for a record.
+bool open_netfs_answer(const char *answer_file, netfs_answer &answer) noexcept;
+
+// The next well-formed record (a pair of non-empty lines, each ended by a
+// line feed; malformed pairs are passed over); null at the end of the file.
+const netfs_record *next_netfs_record(netfs_answer &answer) noexcept;
+
 // Request line of the list command:
 // "cmd=4&outfile=/tmp/smb.out&offset=..&range=..&listtype=..&filter=..&sort=..".
 bool format_list_request(char (&line)[512], int64_t offset, int64_t range, int32_t list_type, int filter_code,
@@ -48,6 +80,17 @@ bool format_list_request(char (&line)[512], int64_t offset, int64_t range, int32
 // status): 0 for success, else a network error code for
 // vtr_network_error_handler (127 when it could not be started).
 int run_netfs_client(const char *request_line, const char *url) noexcept;
+
+// Runs the network client with the request line and the share URL while
+// holding the answer file, then `read` (the answer's reader) before letting
+// the file go: the network error of the client, or what `read` answers.
+template <typename Read>
+base::rc run_netfs_request(const char *request_line, const char *url, Read read) noexcept {
+    netfs_answer_lock held;
+    int status = run_netfs_client(request_line, url);
+    if (status != 0) return base::from_host(vtr_network_error_handler(status));
+    return read();
+}
 
 struct network_listing {
     bool want_folders = true;

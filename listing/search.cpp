@@ -16,9 +16,11 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
+#include "listing/dates.h"
+#include "listing/filters.h"
 #include "listing/network.h"
-#include "listing/order.h"
+#include "listing/search_classification.h"
+#include "listing/search_walk.h"
 #include "listing/share_list.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
@@ -30,6 +32,22 @@ using base::rc;
 
 constexpr int max_open_folders = 20;
 constexpr uint64_t default_range = 99999;
+
+// The walk context of one deep search; each search has its own, handed to
+// the walk callback as its context pointer.
+struct walk_context {
+    uint64_t skip;       // matches still to pass over before the page
+    uint64_t remaining;  // matches still to write into the page
+    int want_folders;
+    int want_files;
+    int with_details;
+    const char *filter_word;
+    const char *keyword;
+    VantorXmlNode file_list;
+    int written;
+    int available_file;
+    int available_folder;
+};
 
 // One match written into the page: name, path, the file or folder form, and
 // with details the size and both dates.
@@ -69,8 +87,8 @@ void take_match(walk_context &ctx, walk_entry &entry, const char *type_word) noe
     --ctx.remaining;
 }
 
-}  // namespace
-
+// The walk callback of the deep search: the search classification applied to
+// one entry; walk_stop when the context is null.
 int search_visit(walk_entry &entry, void *context) noexcept {
     auto *ctx = static_cast<walk_context *>(context);
     if (ctx == nullptr) return walk_stop;
@@ -101,6 +119,8 @@ int search_visit(walk_entry &entry, void *context) noexcept {
     }
     return walk_continue;
 }
+
+}  // namespace
 
 base::rc deep_search(VantorXmlNode response, const char *full_path, const search_request &request,
                     const walk_hooks *hooks) noexcept {
@@ -151,15 +171,14 @@ base::rc network_search(VantorXmlNode *response_slot, const char *url, int64_t o
     if (!format_search_request(line, offset, range, netfs_list_type(request.want_folders, request.want_files),
                                network_filter_code(request.filter_word), request.keyword, subfolders))
         return rc::bad_argument;
-    netfs_answer_lock answer_held;  // from the client's start to the end of the reading
-    int status = run_netfs_client(line, url);
-    if (status != 0) return base::from_host(vtr_network_error_handler(status));
     network_listing listing;
     listing.want_folders = request.want_folders;
     listing.want_files = request.want_files;
     listing.with_details = request.with_details;
     listing.filter_word = request.filter_word;
-    return list_network_folder(response_slot, url, listing) != rc::ok ? rc::io : rc::ok;
+    return run_netfs_request(line, url, [&]() noexcept {
+        return list_network_folder(response_slot, url, listing) != rc::ok ? rc::io : rc::ok;
+    });
 }
 
 }  // namespace

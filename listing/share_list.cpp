@@ -17,14 +17,19 @@
 
 #include "base/answer.h"
 #include "base/export.h"
+#include "base/io.h"
 #include "base/owners.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/format.h"
-#include "listing/names.h"
+#include "listing/cache_records.h"
+#include "listing/dates.h"
+#include "listing/filters.h"
+#include "listing/folder_scan.h"
 #include "listing/network.h"
-#include "listing/order.h"
+#include "listing/sort_orders.h"
+#include "listing/type_words.h"
 #include "media/disc.h"
+#include "storage/display_names.h"
 #include "storage/mime.h"
 #include "storage/paths.h"
 
@@ -32,22 +37,8 @@ namespace listing {
 using base::rc;
 namespace {
 
-constexpr std::string_view cdrom_tree = "/opt/vtrhttpd/localhost.drives/CDROM";        // 36
-constexpr std::string_view cdrom_tree_doubled = "/opt/vtrhttpd/localhost.drives//CDROM";  // 37
-static_assert(cdrom_tree.size() == 36 && cdrom_tree_doubled.size() == 37);
 constexpr std::size_t label_file_bytes = 1023;
 constexpr std::size_t entry_path_max = base::path_max + 256 + 2;  // dir, "/", a name
-
-// One accepted entry of the scanned folder. `sort` comes first so that the
-// sorted pointers lead back to the whole item.
-struct scan_item {
-    sort_entry sort;
-    std::size_t name_offset;
-    std::size_t label_offset;
-    const char *mime;  // files: MIME type by extension
-    bool is_folder;    // accepted as a folder (directory, or found so inside the disc)
-};
-static_assert(std::is_standard_layout_v<scan_item> && offsetof(scan_item, sort) == 0);
 
 // Everything one call needs; nothing of it outlives the call, so calls may
 // run in parallel.
@@ -94,14 +85,8 @@ const char *top_level_label(share_list_call &call, const char *name, std::span<c
     if (!call.labels_loaded) {
         call.labels_loaded = true;
         base::unique_fd fd(::open("/tmp/usb_name.txt", O_RDONLY | O_CLOEXEC));
-        std::size_t used = 0;
-        while (fd.valid() && used < label_file_bytes) {
-            ssize_t n = ::read(fd.get(), call.labels + used, label_file_bytes - used);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            used += static_cast<std::size_t>(n);
-        }
-        call.labels[used] = '\0';
+        ssize_t used = fd.valid() ? base::read_full(fd.get(), call.labels, label_file_bytes) : 0;
+        call.labels[used > 0 ? used : 0] = '\0';
     }
     char key[260];
     if (!base::format_into(key, "%s|", name)) return name;
@@ -137,7 +122,9 @@ void add_dates(VantorXmlNode file, const struct stat &st) noexcept {
 }
 
 // Emits one entry as a "file" under "fileList" and keeps its cache entry.
-void emit_entry(share_list_call &call, const scan_item &item, const char *name, unsigned int disc_kind) noexcept {
+// Not noexcept: a page that runs out of memory fails the command (the
+// caller's guard), it does not end the player.
+void emit_entry(share_list_call &call, const scanned_entry &item, const char *name, unsigned int disc_kind) {
     bool cdrom = std::strcmp(name, "CDROM") == 0;
     bool disc_entry = cdrom && call.top_level && call.have_disc_code;  // this entry is the drive itself
     bool not_file_system = disc_entry && !media::disc_is_file_system(call.disc_code);
@@ -216,127 +203,17 @@ void emit_entry(share_list_call &call, const scan_item &item, const char *name, 
     }
 }
 
-// Reads the folder: the entries that can ever be listed (hidden names,
-// system folders, "NETWORK_SHARE" at the top level and files refused by the
-// filter are left out here, as the walk would pass them over anyway), with
-// the keys the order needs. False when the folder cannot be read.
-bool read_folder(share_list_call &call, const char *search_text, sort_kind kind, std::vector<scan_item> &items,
-                 std::vector<char> &names) noexcept {
-    // A descriptor of its own for the stream (closedir closes it); the
-    // call's descriptor stays open for the status calls of the page.
-    base::unique_fd stream_fd(::openat(call.dir_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!stream_fd.valid()) return false;
-    DIR *stream = ::fdopendir(stream_fd.get());
-    if (stream == nullptr) return false;
-    stream_fd.release();
-    base::unique_dir closer(stream);
-    bool in_cdrom = base::starts_with(call.dir, cdrom_tree) || base::starts_with(call.dir, cdrom_tree_doubled);
-    for (;;) {
-        errno = 0;
-        const dirent *e = ::readdir(stream);
-        if (e == nullptr) {
-            if (errno != 0) return false;
-            break;
-        }
-        const char *name = e->d_name;
-        if (is_hidden_name(name)) continue;  // also "." and ".."
-        if (search_text != nullptr && !keyword_matches(name, search_text)) continue;
-        scan_item item{};
-        item.sort.d_type = e->d_type;
-        item.is_folder = e->d_type == DT_DIR;
-        if (!item.is_folder && in_cdrom && e->d_type == DT_UNKNOWN) {
-            struct stat st;
-            item.is_folder = ::fstatat(call.dir_fd, name, &st, 0) == 0 && S_ISDIR(st.st_mode);
-        }
-        if (item.is_folder) {
-            if (call.top_level && std::strcmp(name, "NETWORK_SHARE") == 0) continue;
-            if (is_system_folder(name)) continue;
-        } else {
-            if (!call.show_files) continue;
-            item.mime = storage::mime_type_for_path(name);
-            if (!mime_passes_filter(item.mime, call.mime_prefix)) continue;
-        }
-        bool needs_stat = sort_needs_time(kind) || (sort_needs_size(kind) && !sorts_as_folder(e->d_type));
-        if (needs_stat) {
-            struct stat st;
-            if (::fstatat(call.dir_fd, name, &st, 0) == 0) {
-                item.sort.size = static_cast<int64_t>(st.st_size);
-                item.sort.mtime = static_cast<int32_t>(st.st_mtime);
-            }
-        }
-        std::size_t length = std::strlen(name);
-        item.name_offset = names.size();
-        names.insert(names.end(), name, name + length + 1);
-        item.label_offset = SIZE_MAX;
-        if (sort_needs_label(kind) && sorts_as_folder(e->d_type)) {
-            char label[512];
-            drive_display_name(entry_path(call, name), label);
-            item.label_offset = names.size();
-            names.insert(names.end(), label, label + std::strlen(label) + 1);
-        }
-        items.push_back(item);
-    }
-    return true;
-}
-
-base::rc run_share_list(VantorXmlNode response, const share_list_request &request) {
-    const char *dir = request.dir;
-    uint64_t start = request.start;
-    uint64_t count = request.count;
-    const bool show_folders = request.show_folders, show_files = request.show_files;
-    const bool show_details = request.show_details, top_level = request.top_level;
-    const bool want_pvx = request.want_pvx;
-    const char *search_text = request.search_text;
-    storage::sort_mime_table();
-    if (dir == nullptr || std::strlen(dir) >= base::path_max) {
-        errno = ENAMETOOLONG;
-        std::perror("scandir");
-        return rc::failure;
-    }
-    auto call = std::make_unique<share_list_call>();
-    call->response = response;
-    call->dir = dir;
-    call->show_folders = show_folders;
-    call->show_files = show_files;
-    call->show_details = show_details;
-    call->top_level = top_level;
-    call->want_pvx = want_pvx;
-    call->caching = request.cache_key != nullptr;
-    call->filter = request.type_filter != nullptr ? request.type_filter : "";
-    call->mime_prefix = mime_prefix_for_filter(call->filter);
-    sort_kind kind = select_sort(request.sort_order, top_level, call->filter, search_text != nullptr);
-
-    std::vector<scan_item> items;
-    std::vector<char> names;
-    base::unique_fd dir_fd;
-    bool network_only = top_level && std::strcmp(call->filter, "network") == 0;
-    if (!network_only) {
-        dir_fd.reset(::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        call->dir_fd = dir_fd.get();
-        if (!dir_fd.valid() || !read_folder(*call, search_text, kind, items, names)) {
-            std::perror("scandir");
-            return rc::failure;
-        }
-    }
-
-    std::vector<sort_entry *> order(items.size());
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        scan_item &item = items[i];
-        item.sort.name = names.data() + item.name_offset;
-        item.sort.label = item.label_offset == SIZE_MAX ? "" : names.data() + item.label_offset;
-        order[i] = &item.sort;
-    }
-    sort_entries(order, kind);
-
-    call->file_list = base::add_element(call->response, "fileList", "");
-    for (sort_entry *sorted : order) {
-        const scan_item &item = *reinterpret_cast<const scan_item *>(sorted);
+// The page: every kept entry counted, the entries from `start` on emitted
+// until `count` of them are out.
+void emit_page(share_list_call &call, const folder_scan &scan, uint64_t start, uint64_t count) {
+    for (const sort_entry *sorted : scan.order) {
+        const scanned_entry &item = entry_of(sorted);
         const char *name = sorted->name;
         if (item.is_folder) {
-            if (top_level && std::strcmp(name, "CDROM") == 0) open_disc_drive(*call);
-            ++call->folders_available;
+            if (call.top_level && std::strcmp(name, "CDROM") == 0) open_disc_drive(call);
+            ++call.folders_available;
         } else {
-            ++call->files_available;
+            ++call.files_available;
         }
         if (start > 0) {
             --start;
@@ -345,38 +222,76 @@ base::rc run_share_list(VantorXmlNode response, const share_list_request &reques
         if (count == 0) continue;
         unsigned int disc_kind = media::no_structure;
         if (item.is_folder) {
-            disc_kind = vantor_command_server_cdtypedetection(entry_path(*call, name));
+            disc_kind = vantor_command_server_cdtypedetection(entry_path(call, name));
             if (disc_kind != media::no_structure) {
-                if (!show_files || (call->filter[0] != '\0' && std::strcmp(call->filter, "video") != 0)) continue;
-                ++call->files_available;
-                --call->folders_available;
-            } else if (!show_folders) {
-                --call->folders_available;
+                if (!call.show_files || (call.filter[0] != '\0' && std::strcmp(call.filter, "video") != 0)) continue;
+                ++call.files_available;
+                --call.folders_available;
+            } else if (!call.show_folders) {
+                --call.folders_available;
                 continue;
             }
         }
-        emit_entry(*call, item, name, disc_kind);
+        emit_entry(call, item, name, disc_kind);
         --count;
     }
+}
 
-    if (top_level && show_folders && std::strcmp(call->filter, "local") != 0) {
-        int32_t shares = append_network_shares(call->file_list, show_details, want_pvx);
-        call->emitted += shares;
-        call->folders_available += shares;
+// The configured shares at the top level, the counters, convertPath, and the
+// page's cache record.
+void finish_page(share_list_call &call, const listing_key *cache_key) noexcept {
+    if (call.top_level && call.show_folders && std::strcmp(call.filter, "local") != 0) {
+        int32_t shares = append_network_shares(call.file_list, call.show_details, call.want_pvx);
+        call.emitted += shares;
+        call.folders_available += shares;
     }
-    base::add_number(call->response, "totalFile", call->emitted);
-    if (show_folders) base::add_number(call->response, "availableFolder", call->folders_available);
-    if (show_files) base::add_number(call->response, "availableFile", call->files_available);
+    base::add_number(call.response, "totalFile", call.emitted);
+    if (call.show_folders) base::add_number(call.response, "availableFolder", call.folders_available);
+    if (call.show_files) base::add_number(call.response, "availableFile", call.files_available);
     base::path_buffer convert;
     convert[0] = '\0';
-    if (!top_level) {
-        if (!local_path_to_share_url(dir, convert))
-            base::copy_text(convert, dir);
-        base::add_element(call->response, "convertPath", convert);
+    if (!call.top_level) {
+        if (!local_path_to_share_url(call.dir, convert)) base::copy_text(convert, call.dir);
+        base::add_element(call.response, "convertPath", convert);
     }
-    if (call->caching && !call->page.empty()) {
-        append_cache_record(*request.cache_key, call->files_available, call->folders_available, convert, call->page);
+    if (call.caching && !call.page.empty())
+        append_cache_record(*cache_key, call.files_available, call.folders_available, convert, call.page);
+}
+
+base::rc run_share_list(VantorXmlNode response, const share_list_request &request) {
+    storage::sort_mime_table();
+    if (request.dir == nullptr || std::strlen(request.dir) >= base::path_max) {
+        errno = ENAMETOOLONG;
+        std::perror("scandir");
+        return rc::failure;
     }
+    auto call = std::make_unique<share_list_call>();
+    call->response = response;
+    call->dir = request.dir;
+    call->show_folders = request.show_folders;
+    call->show_files = request.show_files;
+    call->show_details = request.show_details;
+    call->top_level = request.top_level;
+    call->want_pvx = request.want_pvx;
+    call->caching = request.cache_key != nullptr;
+    call->filter = request.type_filter != nullptr ? request.type_filter : "";
+    call->mime_prefix = mime_prefix_for_filter(call->filter);
+    sort_kind kind = select_sort(request.sort_order, call->top_level, call->filter, request.search_text != nullptr);
+
+    folder_scan scan;
+    base::unique_fd dir_fd;
+    if (!call->top_level || std::strcmp(call->filter, "network") != 0) {
+        dir_fd.reset(::open(call->dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        call->dir_fd = dir_fd.get();
+        scan_filter filter{call->top_level, call->show_files, call->mime_prefix, request.search_text};
+        if (!dir_fd.valid() || !scan_folder(call->dir_fd, call->dir, kind, filter, scan)) {
+            std::perror("scandir");
+            return rc::failure;
+        }
+    }
+    call->file_list = base::add_element(call->response, "fileList", "");
+    emit_page(*call, scan, request.start, request.count);
+    finish_page(*call, request.cache_key);
     return rc::ok;
 }
 

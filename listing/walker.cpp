@@ -140,7 +140,14 @@ bool read_ahead_oldest(walker &w) noexcept {
         errno = ENOMEM;
         return false;
     }
-    while (dirent *d = ::readdir(f.stream)) {
+    for (;;) {
+        errno = 0;
+        dirent *d = ::readdir(f.stream);
+        if (d == nullptr) {
+            if (errno == 0) break;
+            std::free(buffer);
+            return false;
+        }
         std::size_t length = std::strlen(d->d_name);
         if (used + length + 3 > size) {
             size = (size + length + 3) * 2;
@@ -270,7 +277,10 @@ int read_folder(walker &w, folder *parent, walk_entry &self) {
         if (f.stream != nullptr) {
             errno = 0;
             dirent *d = ::readdir(f.stream);
-            if (d == nullptr) break;
+            if (d == nullptr) {
+                if (errno != 0) result = -1;  // a folder cut short is not walked as if whole
+                break;
+            }
             name = d->d_name;
             type = d->d_type;
         } else {

@@ -13,7 +13,7 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/names.h"
+#include "storage/display_names.h"
 #include "storage/paths.h"
 #include "transfer/engine.h"
 #include "transfer/progress.h"
@@ -209,9 +209,9 @@ base::rc copy_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, Com
     const char *destination = storage::resolve_network_address(argument, translated);
     if (destination == nullptr) return rc::bad_argument;
     if (translated != nullptr) {
-        listing::share_display_name(argument, label);
+        storage::share_display_name(argument, label);
     } else {
-        listing::drive_display_name(argument, label);
+        storage::drive_display_name(argument, label);
     }
     if (isdir(destination) == 0) return rc::bad_argument;
     if (write_permission(destination) == 0) return rc::read_only;

@@ -19,8 +19,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/natural_order.h"
 #include "base/result.h"
-#include "listing/order.h"
 #include "platform/host_api.h"
 #include "storage/paths.h"
 
@@ -718,12 +718,12 @@ bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcep
             entries.push_back({e->d_name, e->d_type, is_folder});
         }
         std::sort(entries.begin(), entries.end(), [](const folder_entry &a, const folder_entry &b) {
-            listing::sort_entry x, y;
+            base::sort_entry x, y;
             x.name = a.name.c_str();
             x.d_type = a.d_type;
             y.name = b.name.c_str();
             y.d_type = b.d_type;
-            return listing::compare_name_ascending(x, y) < 0;
+            return base::compare_name_ascending(x, y) < 0;
         });
 #if defined(__cpp_exceptions)
     } catch (...) {

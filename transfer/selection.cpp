@@ -16,7 +16,7 @@
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"
-#include "listing/names.h"
+#include "storage/display_names.h"
 #include "storage/paths.h"
 
 namespace transfer {
@@ -243,9 +243,9 @@ base::rc select_user_storage_file_to_list(VantorXmlNode * /*response_slot*/, Com
     if (path == nullptr || holds_line_break(path)) return rc::bad_argument;
     if (translated != nullptr) {
         collapse_slashes(translated.get());
-        if (wanted == 1) listing::share_display_name(argument, label);
+        if (wanted == 1) storage::share_display_name(argument, label);
     } else if (wanted == 1) {
-        listing::drive_display_name(argument, label);
+        storage::drive_display_name(argument, label);
     }
     // A record longer than the readers' line limit would be read as two.
     if (!record_fits(label, path)) return rc::bad_argument;

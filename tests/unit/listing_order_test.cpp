@@ -6,7 +6,9 @@
 
 #include "test_util.h"
 
-#include "listing/order.h"
+#include "listing/filters.h"
+#include "listing/sort_orders.h"
+#include "listing/type_words.h"
 #include "storage/mime.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Disc structure detection, the listing key and cache records byte by byte, the cache lookup, and the share list of a
 // local folder (paging counters, filters, sort). (Network answer files: end-to-end and fuzz_smb_answer.)
-#include "listing/format.h"
+#include "listing/cache_records.h"
 #include "listing/list_command.h"
 #include "listing/share_list.h"
 #include "media/disc.h"
@@ -34,8 +34,7 @@ TEST(DiscDetection, RulesInOrder) {
         for (const std::string &f : r.files) s.file(f);
         EXPECT_EQ(vantor_command_server_cdtypedetection(s.root.c_str()), r.kind) << r.files[0];
     }
-    EXPECT_EQ(vantor_command_server_cdtypedetection(nullptr), 0u);
-    EXPECT_EQ(vantor_command_server_cdtypedetection(std::string(4096, 'a').c_str()), 0u);
+    EXPECT_EQ(vantor_command_server_cdtypedetection(nullptr) + vantor_command_server_cdtypedetection(std::string(4096, 'a').c_str()), 0u);
     tu::drive_tree s(scratch);
     s.file("a/x");
     char buffer[4096];
@@ -121,8 +120,7 @@ TEST_F(cache_fixture, MissDeletesALargeCache) {
     EXPECT_EQ(lookup("F3", &xml), 0);
     EXPECT_NE(xml.find("F3/n2</path><type>video</type><isFolder>no</isFolder></file></fileList>"), std::string::npos);
     EXPECT_TRUE(tu::fs::exists(file));
-    EXPECT_EQ(lookup("G", &xml), 2);
-    EXPECT_FALSE(tu::fs::exists(file));
+    EXPECT_TRUE(lookup("G", &xml) == 2 && !tu::fs::exists(file));
 }
 
 // The share list of a local folder: names, totalFile, availableFolder and availableFile ("-" when left out), then the
@@ -146,11 +144,9 @@ std::string share_list(const char *dir, uint64_t start, uint64_t count, bool fol
 
 TEST(ShareList, PagingCountersAndFilters) {
     tu::drive_tree s(scratch);
-    for (const char *f : {"noext", ".hidden.avi", "Rip/VIDEO_TS/VIDEO_TS.IFO", "Alpha/x", "beta/x", "lost+found/x"})
-        s.file(f, "");
-    s.file("f10.avi", "1234567890");
-    s.file("f9.avi", "1");
-    s.file("song.mp3", "12345");
+    for (auto [f, text] : {std::pair{"noext", ""}, {".hidden.avi", ""}, {"Rip/VIDEO_TS/VIDEO_TS.IFO", ""}, {"Alpha/x", ""},
+                           {"beta/x", ""}, {"lost+found/x", ""}, {"f10.avi", "1234567890"}, {"f9.avi", "1"}, {"song.mp3", "12345"}})
+        s.file(f, text);
     struct row { uint64_t start, count; bool folders, files; const char *filter; int sort; const char *want; };
     const row rows[] = {
         {0, 99999, true, true, "", 0, "Alpha beta Rip f9.avi f10.avi song.mp3 6 2 4 "},

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "listing/search.h"
+#include "listing/search_walk.h"
 #include "test_util.h"
 
 namespace {

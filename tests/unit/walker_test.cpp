@@ -98,13 +98,14 @@ TEST_F(WalkerTree, SameVisitsAsNftw) {
     EXPECT_EQ(expect_same_as_nftw(root).rc, FTW_STOP);
 }
 
-// A folder whose opening fails with a stale handle ends the walk with that error; a refused one is reported
-// unreadable and the walk goes on.
+// A folder whose opening fails with a stale handle ends the walk with that error, and so does one that opens but
+// fails midway through its reading; a refused one is reported unreadable and the walk goes on.
 int failing_open(int dir_fd, const char *name) noexcept {
     const char *tail = std::strrchr(name, '/');
     tail = tail != nullptr ? tail + 1 : name;
     if (std::strcmp(tail, "n3") == 0) return errno = ESTALE, -1;
     if (std::strcmp(tail, "skipme") == 0) return errno = EACCES, -1;
+    if (std::strcmp(tail, "c") == 0) return ::openat(dir_fd, name, O_PATH | O_DIRECTORY | O_CLOEXEC);
     return ::openat(dir_fd, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
 }
 
@@ -122,6 +123,7 @@ TEST_F(WalkerTree, OpenFailures) {
     r = walk(root + "/d", 20, true, &hooks);
     EXPECT_EQ(std::pair(r.rc, r.err), std::pair(-1, ESTALE));
     for (const visit &v : r.visits) EXPECT_EQ(v.path.find("/n3/"), std::string::npos) << v.path;
+    EXPECT_EQ(walk(root + "/c", 20, true, &hooks).rc, -1);
 }
 
 }  // namespace

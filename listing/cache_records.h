@@ -1,10 +1,9 @@
-// The listing answer vocabulary, the listing key and the records of the
-// listing cache file, shared by every lister.
+// The listing key and the records of the listing cache file, shared by
+// every lister.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <span>
 #include <vector>
 
@@ -78,9 +77,5 @@ using cache_page = std::vector<cache_entry>;
 void append_cache_record(const listing_key &key, int32_t available_files, int32_t available_folders,
                          const char *convert_path, std::span<const cache_entry> entries,
                          const char *file = cache_file) noexcept;
-
-// asctime form of the local time of t (weekday, month, day, time, year),
-// with or without its final line feed; "" when it cannot be formed.
-void format_date(time_t t, bool keep_line_feed, std::span<char, 32> out) noexcept;
 
 }  // namespace listing

@@ -1,18 +1,15 @@
-#include "listing/format.h"
+#include "listing/cache_records.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "base/io.h"
 #include "base/owners.h"
-#include "base/spawn.h"
-#include "base/text.h"
 
 namespace listing {
 namespace {
@@ -21,17 +18,6 @@ template <std::size_t N>
 void cut_into(char (&slot)[N], const char *text) noexcept {
     std::memset(slot, 0, N);
     if (text != nullptr) std::memcpy(slot, text, ::strnlen(text, N - 1));
-}
-
-bool write_all(int fd, const unsigned char *data, std::size_t n) noexcept {
-    while (n > 0) {
-        ssize_t w = ::write(fd, data, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return false;
-        data += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
 }
 
 }  // namespace
@@ -82,27 +68,13 @@ void append_cache_record(const listing_key &key, int32_t available_files, int32_
     if (record != nullptr) {
         std::memcpy(record.get(), &header, sizeof header);
         if (!entries.empty()) std::memcpy(record.get() + sizeof header, entries.data(), entries.size_bytes());
-        write_all(fd.get(), record.get(), total);
+        base::write_all(fd.get(), record.get(), total);
     } else {
         // No room for one buffer: header and entries in turn.
-        if (write_all(fd.get(), reinterpret_cast<const unsigned char *>(&header), sizeof header))
-            write_all(fd.get(), reinterpret_cast<const unsigned char *>(entries.data()), entries.size_bytes());
+        if (base::write_all(fd.get(), &header, sizeof header))
+            base::write_all(fd.get(), entries.data(), entries.size_bytes());
     }
     if (!fd.close_checked()) std::perror("usr_file_list");
-}
-
-void format_date(time_t t, bool keep_line_feed, std::span<char, 32> out) noexcept {
-    out[0] = '\0';
-    struct tm local;
-    if (::localtime_r(&t, &local) == nullptr) return;
-    if (::asctime_r(&local, out.data()) == nullptr) {
-        out[0] = '\0';
-        return;
-    }
-    if (!keep_line_feed) {
-        std::size_t n = std::strlen(out.data());
-        if (n > 0 && out[n - 1] == '\n') out[n - 1] = '\0';
-    }
 }
 
 }  // namespace listing

@@ -1,4 +1,4 @@
-#include "listing/names.h"
+#include "storage/display_names.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,8 +12,9 @@
 #include "base/spawn.h"
 #include "base/text.h"
 #include "platform/host_api.h"
+#include "storage/paths.h"
 
-namespace listing {
+namespace storage {
 namespace {
 
 constexpr std::size_t label_answer_max = 256;  // what the lookup ever returned
@@ -98,8 +99,8 @@ void drive_display_name(const char *path, std::span<char> out) noexcept {
         return;
     }
     std::string_view rest(path);
-    constexpr std::string_view root_and_slash = "/opt/vtrhttpd/localhost.drives/";
-    if (rest.substr(0, root_and_slash.size()) == root_and_slash) rest.remove_prefix(root_and_slash.size());
+    if (rest.starts_with(drives_root) && rest.substr(drives_root.size(), 1) == "/")
+        rest.remove_prefix(drives_root.size() + 1);
     std::string_view drive = rest.substr(0, rest.find('/'));
     char key[4096 + 2];
     if (!base::format_into(key, "%.*s|", static_cast<int>(drive.size()), drive.data()) ||
@@ -107,4 +108,4 @@ void drive_display_name(const char *path, std::span<char> out) noexcept {
         write_unknown(out);
 }
 
-}  // namespace listing
+}  // namespace storage

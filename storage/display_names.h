@@ -7,7 +7,7 @@
 #include "base/spawn.h"
 #include "base/text.h"
 
-namespace listing {
+namespace storage {
 
 // The configured network shares are the pairs "netfs_name<N>" and
 // "netfs_url<N>", N from 0 to netfs_pairs - 1.
@@ -25,4 +25,4 @@ void share_display_name(const char *url, std::span<char> out) noexcept;
 // "Unknown" when the file or the line is missing.
 void drive_display_name(const char *path, std::span<char> out) noexcept;
 
-}  // namespace listing
+}  // namespace storage
