@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/io.h"
 #include "base/owners.h"
 #include "base/spawn.h"
 #include "base/text.h"
@@ -30,7 +31,7 @@ bool find_label(std::string_view key, std::span<char> out) noexcept {
     char line[4096];
     std::size_t used = 0;
     for (;;) {
-        ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
+        ssize_t n = base::retry_eintr([&] { return ::read(fd.get(), chunk, sizeof chunk); });
         if (n < 0) return false;
         bool at_end = n == 0;
         for (ssize_t i = 0; i <= n; ++i) {
