@@ -51,12 +51,6 @@ bool copies_into_itself(const char *source, const char *destination) noexcept {
     return d.size() > s.size() && d.substr(0, s.size()) == s && d[s.size()] == '/';
 }
 
-// Removes a moved source after its copy: "rm -rf" without a shell.
-void remove_source(const char *path) noexcept {
-    const char *argv[] = {"rm", "-rf", "--", path, nullptr};
-    (void)base::run_program(argv);
-}
-
 void run_batch(BatchJob &job) noexcept {
     const char *to = job.destination_label;
     post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, rc::ok);
@@ -154,12 +148,12 @@ void run_batch(BatchJob &job) noexcept {
                 if (move && last == rc::ok) {
                     // The copy reaches the disk before its source goes.
                     ::sync();
-                    remove_source(source);
+                    (void)base::remove_tree(source);
                 }
             }
             if (last == rc::ok) {
                 mark_record_done(fd, source, label);
-                (void)::lchown(target, 1001, 1001);
+                (void)::lchown(target, batch_owner, batch_owner);
                 free_bytes -= progress.item_total;
             }
         }

@@ -1,5 +1,5 @@
-// The batch delete: every selected entry, and on request the companion
-// files the player keeps beside videos and disc folders.
+#include "transfer/delete.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,7 +36,7 @@ constexpr std::array<const char *, 9> companion_suffixes{
     ".fanart.jpg", ".jpg", ".nfo", ".ass", ".idx", ".ssa", ".smi", ".srt", ".sub",
 };
 
-struct DeleteJob {
+struct delete_job {
     base::unique_fd lock;   // the batch lock, held until the thread ends
     bool companions = false;  // the request's switch was exactly "true"
 };
@@ -124,7 +124,7 @@ int remove_entry(const char *path, bool companions) noexcept {
     return 0;
 }
 
-void run_delete(DeleteJob &job) noexcept {
+void run_delete(delete_job &job) noexcept {
     base::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
         job.lock.reset();
@@ -189,7 +189,7 @@ void run_delete(DeleteJob &job) noexcept {
 }
 
 void *delete_thread(void *argument) noexcept {
-    std::unique_ptr<DeleteJob> job(static_cast<DeleteJob *>(argument));
+    std::unique_ptr<delete_job> job(static_cast<delete_job *>(argument));
     run_delete(*job);
     return nullptr;
 }
@@ -203,7 +203,7 @@ base::rc delete_status_for(int error) noexcept {
 }
 
 base::rc delete_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    std::unique_ptr<DeleteJob> job(new (std::nothrow) DeleteJob);
+    std::unique_ptr<delete_job> job(new (std::nothrow) delete_job);
     if (job == nullptr) return rc::io;
     // The request's text dies with the request: decide now.
     job->companions = request->args->argc >= 2 && request->args->argv[1] != nullptr &&
