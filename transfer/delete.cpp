@@ -15,7 +15,6 @@
 
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "media/disc.h"
 #include "platform/host_api.h"
@@ -23,6 +22,7 @@
 #include "storage/paths.h"
 #include "transfer/batch.h"
 #include "transfer/engine.h"
+#include "transfer/folders.h"
 #include "transfer/progress.h"
 #include "transfer/selection.h"
 
@@ -66,39 +66,38 @@ void remove_companions(std::string_view base) noexcept {
     }
 }
 
-// Empties a folder the way "rm -rf folder/*" does: every entry whose name
-// does not begin with "." goes, with all it holds; hidden entries at the
-// top stay. Subfolders are handed to "rm -rf" (never through a shell), so
-// depth costs no descriptors here.
-void remove_visible_contents(const char *folder) noexcept {
-    int fd = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    base::unique_dir dir(::fdopendir(fd));
-    if (dir == nullptr) {
-        ::close(fd);
-        return;
-    }
-    const int dfd = ::dirfd(dir.get());
+// Folder levels the delete goes down; a deeper folder stays, and with it
+// every folder above it.
+constexpr int folder_depth_max = 64;
+
+// Removes the entries of the open folder `dir` with all they hold, the
+// way "rm -rf" does (links are removed, never followed): at the top level
+// (depth 0) only those whose names do not begin with ".". False when the
+// folder could not be read to its end.
+bool remove_contents(DIR *dir, int depth) noexcept {
+    const int dfd = ::dirfd(dir);
+    bool whole = true;
     for (;;) {
         errno = 0;
-        const dirent *e = ::readdir(dir.get());
-        if (e == nullptr) break;
-        if (e->d_name[0] == '.') continue;
+        const dirent *e = ::readdir(dir);
+        if (e == nullptr) return whole && errno == 0;
+        const char *name = e->d_name;
+        if (depth == 0 ? name[0] == '.' : std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
         struct stat st{};
-        if (::fstatat(dfd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        if (!S_ISDIR(st.st_mode)) {
-            (void)::unlinkat(dfd, e->d_name, 0);
-            continue;
+        if (::fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(st.st_mode) && depth < folder_depth_max) {
+            const base::unique_dir sub = open_folder_at(dfd, name, O_NOFOLLOW);
+            if (sub != nullptr && !remove_contents(sub.get(), depth + 1)) whole = false;
         }
-        base::path_buffer child;
-        const char *separator = folder[0] != '\0' && folder[std::strlen(folder) - 1] == '/' ? "" : "/";
-        if (!base::format_into(child, "%s%s%s", folder, separator, e->d_name)) continue;
-        const char *argv[] = {"rm", "-rf", "--", child, nullptr};
-        base::spawn_options quiet;
-        quiet.quiet_stdout = true;
-        quiet.quiet_stderr = true;
-        (void)base::run_program(argv, quiet);
+        (void)::unlinkat(dfd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
     }
+}
+
+// Empties a folder the way "rm -rf folder/*" does: hidden entries at the
+// top stay. False when some folder of it could not be read to its end.
+bool remove_visible_contents(const char *folder) noexcept {
+    const base::unique_dir dir = open_folder_at(AT_FDCWD, folder);
+    return dir == nullptr || remove_contents(dir.get(), 0);  // unopened: the folder's removal tells
 }
 
 // Removes one entry; 0 or the error number.
@@ -114,7 +113,8 @@ int remove_entry(const char *path, bool companions) noexcept {
         return 0;
     }
     const unsigned disc = companions ? vantor_command_server_cdtypedetection(path) : 0;
-    remove_visible_contents(path);
+    // A folder that could not be read whole is not gone.
+    if (!remove_visible_contents(path)) return EIO;
     if (::rmdir(path) != 0) return errno;
     if (companions && disc != 0) {
         std::string_view base(path);

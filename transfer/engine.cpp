@@ -24,6 +24,7 @@
 #include "listing/order.h"
 #include "platform/host_api.h"
 #include "storage/paths.h"
+#include "transfer/folders.h"
 
 namespace transfer {
 
@@ -768,9 +769,7 @@ rc copy_folder_at(tree_copy &t, int source_dir, const char *source_name, int tar
     t.progress.whole_done += 4096;
     (void)::fchownat(target_dir, target_name, batch_owner, batch_owner, 0);
     const base::unique_fd into(::openat(target_dir, target_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const int fd = ::openat(source_dir, source_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    base::unique_dir dir(fd >= 0 ? ::fdopendir(fd) : nullptr);
-    if (fd >= 0 && dir == nullptr) ::close(fd);
+    const base::unique_dir dir = open_folder_at(source_dir, source_name);
     source_length = with_slash(t.source, source_length);
     target_length = with_slash(t.target, target_length);
     std::vector<folder_entry> entries;
