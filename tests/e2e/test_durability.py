@@ -82,13 +82,9 @@ def durable(calls, path, before, name=True):
 
 def removals(calls, root):
     """Line numbers at which something under root starts being removed."""
-    out = []
-    for start, _, name, text in calls:
-        paths = named(text)
-        if name in ("unlink", "unlinkat", "rmdir") or name == "execve" and os.path.basename(paths[0]) == "rm":
-            if any(p == str(root) or p.startswith(f"{root}/") for p in paths):
-                out.append(start)
-    return out
+    return [start for start, _, name, text in calls
+            if (name in ("unlink", "unlinkat", "rmdir") or name == "execve" and os.path.basename(named(text)[0]) == "rm")
+            and any(p == str(root) or p.startswith(f"{root}/") for p in named(text))]
 
 
 def test_batch_move_removes_no_source_before_its_copy_is_durable(fresh_host, drives, events):
