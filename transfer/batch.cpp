@@ -73,6 +73,8 @@ void send_entry_event(const batch_walk &w, rc status) noexcept {
                         compute_time_left(p.whole_done, p.whole_total), status);
 }
 
+// Refuses the current entry: its event with `status`, also the batch's
+// last result.
 rc refuse(batch_walk &w, rc status) noexcept {
     send_entry_event(w, status);
     return w.last = status;
@@ -156,8 +158,8 @@ void run_batch(BatchJob &job) noexcept {
     TransferProgress &progress = w.progress;
     // The private file changes only here; the count bounds the walk all the
     // same, so no figure ever passes what the batch took.
-    for (int32_t taken = 0; taken < progress.total && get_filename(list.get(), w.source, sizeof w.source, w.label) == 1;) {
-        ++taken;
+    for (int32_t taken = 0; taken < progress.total; ++taken) {
+        if (get_filename(list.get(), w.source, sizeof w.source, w.label) != 1) break;
         if (!entry_usable(w)) continue;
         ++progress.item;
         progress.step = 0;

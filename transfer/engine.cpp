@@ -797,7 +797,8 @@ rc copy_folder_at(tree_copy &t, int source_dir, const char *source_name, int tar
         }
         std::memcpy(t.target + target_length, name, name_length + 1);
         result = e->is_folder ? copy_folder_at(t, ::dirfd(dir.get()), name, into.get(), name, depth + 1)
-                              : copy_file(t.source, t.target, t.progress, t.operation, t.from, t.to, &t.ring, !t.quiet);
+                              : copy_file(t.source, t.target, t.progress, t.operation, t.from, t.to, &t.ring,
+                                          !t.quiet);
         (void)::fchownat(into.get(), name, batch_owner, batch_owner, AT_SYMLINK_NOFOLLOW);
         t.source[source_length] = '\0';
         t.target[target_length] = '\0';
