@@ -15,6 +15,7 @@
 #include "storage/file_commands.h"
 #include "storage/manage_commands.h"
 #include "transfer/batch.h"
+#include "transfer/delete.h"
 #include "transfer/selection.h"
 
 namespace plugin {

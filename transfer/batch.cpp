@@ -51,130 +51,145 @@ bool copies_into_itself(const char *source, const char *destination) noexcept {
     return d.size() > s.size() && d.substr(0, s.size()) == s && d[s.size()] == '/';
 }
 
-// Removes a moved source after its copy: "rm -rf" without a shell.
-void remove_source(const char *path) noexcept {
-    const char *argv[] = {"rm", "-rf", "--", path, nullptr};
-    (void)base::run_program(argv);
-}
-
-void run_batch(BatchJob &job) noexcept {
-    const char *to = job.destination_label;
-    post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, rc::ok);
-    TransferProgress progress;
-    progress.permission_kind = write_permission(job.destination);
-    if (progress.permission_kind == 0) {
-        post_transfer_event(job.operation, "", "", to, 0, 0, 0, 0, 0, rc::read_only);
-        send_batch_end(job, 0, rc::io);
-        return;
-    }
-    base::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    if (!list.valid()) {
-        send_batch_end(job, 0, rc::ok);
-        return;
-    }
-    const int fd = list.get();
-    int64_t free_bytes = storage::partition_free_bytes(job.destination);
-    progress.total = count_selected_records(fd);
-    ::lseek(fd, 0, SEEK_SET);
-    progress.whole_done = 0;
-    progress.whole_total = sum_selected_sizes(fd);
-    ::lseek(fd, 0, SEEK_SET);
-    ::gettimeofday(&start_copy_time, nullptr);
-
-    const bool move = job.operation == op_move;
-    bool failed = false;
-    rc last = rc::ok;
+// A batch's walk over its records: the entry at hand and what carries from
+// one entry to the next.
+struct batch_walk {
+    BatchJob &job;
+    TransferProgress progress{};
+    int64_t free_bytes = 0;
     base::path_buffer source{};
     base::path_buffer target{};
     char label[label_size] = {};
-    copy_ring ring;  // buffers and readers shared by the batch's files
+    copy_ring ring{};  // buffers and readers shared by the batch's files
+    rc last = rc::ok;
+    bool failed = false;
+};
+
+// An event of the current entry with its figures as they stand.
+void send_entry_event(const batch_walk &w, rc status) noexcept {
+    const TransferProgress &p = w.progress;
+    post_transfer_event(w.job.operation, base_name(w.source), w.label, w.job.destination_label, p.item, p.total,
+                        percent_of(p.item_done, p.item_total), percent_of(p.whole_done, p.whole_total),
+                        compute_time_left(p.whole_done, p.whole_total), status);
+}
+
+// Refuses the current entry: its event with `status`, also the batch's
+// last result.
+rc refuse(batch_walk &w, rc status) noexcept {
+    send_entry_event(w, status);
+    return w.last = status;
+}
+
+// The start event and the batch's figures; false when the batch ends here.
+bool open_batch(batch_walk &w, base::unique_fd &list) noexcept {
+    const char *to = w.job.destination_label;
+    post_transfer_event(w.job.operation, "", "", to, 0, 0, 0, 0, 0, rc::ok);
+    w.progress.permission_kind = write_permission(w.job.destination);
+    if (w.progress.permission_kind == 0) {
+        post_transfer_event(w.job.operation, "", "", to, 0, 0, 0, 0, 0, rc::read_only);
+        send_batch_end(w.job, 0, rc::io);
+        return false;
+    }
+    list.reset(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!list.valid()) {
+        send_batch_end(w.job, 0, rc::ok);
+        return false;
+    }
+    w.free_bytes = storage::partition_free_bytes(w.job.destination);
+    w.progress.total = count_selected_records(list.get());
+    ::lseek(list.get(), 0, SEEK_SET);
+    w.progress.whole_total = sum_selected_sizes(list.get());
+    ::lseek(list.get(), 0, SEEK_SET);
+    ::gettimeofday(&start_copy_time, nullptr);
+    return true;
+}
+
+// A forged record, a path outside the confined drives root, a link leading
+// out of it or a vanished entry: reported (with the figures of the
+// previous entry) and skipped.
+bool entry_usable(batch_walk &w) noexcept {
+    if (!batch_may_use(w.source) || storage::link_leads_out(w.source)) {
+        (void)refuse(w, rc::bad_path);
+    } else if (isfileexist(w.source) == 0) {
+        (void)refuse(w, rc::missing_source);
+    } else {
+        return true;
+    }
+    w.failed = true;
+    return false;
+}
+
+// The entry's name with its leading "/" (a trailing "/" of a folder does
+// not count as the last one); null when it has none.
+const char *entry_name(const char *source) noexcept {
+    for (std::size_t i = std::strlen(source); i-- > 1;)
+        if (source[i - 1] == '/') return source + i - 1;
+    return nullptr;
+}
+
+// Copies or moves the current entry to its target; the entry's result.
+rc transfer_entry(batch_walk &w, const char *name) noexcept {
+    BatchJob &job = w.job;
+    const bool move = job.operation == op_move;
+    if (!make_target_path(w.target, job.destination, name, !move) || copies_into_itself(w.source, job.destination) ||
+        (move && (std::strcmp(w.target, w.source) == 0 || isfileexist(w.target) != 0)))
+        return refuse(w, rc::bad_path);
+    if (move && samerootdrive(w.source, w.target, 0) != 0)
+        return move_by_rename(w.source, w.target, w.progress, w.label, job.destination_label);
+    const std::size_t source_length = std::strlen(w.source);
+    const rc r = isdir(w.source) != 0
+                     ? copy_folder_with_progress(w.source, w.target, w.progress, job.operation, w.label,
+                                                 job.destination_label, &w.ring)
+                     : copy_file_with_progress(w.source, w.target, w.progress, job.operation, w.label,
+                                               job.destination_label, &w.ring);
+    w.source[source_length] = '\0';
+    if (move && r == rc::ok) {
+        // The copy reaches the disk before its source goes.
+        ::sync();
+        (void)base::remove_tree(w.source);
+    }
+    return r;
+}
+
+void run_batch(BatchJob &job) noexcept {
+    batch_walk w{.job = job};
+    base::unique_fd list;
+    if (!open_batch(w, list)) return;
+    TransferProgress &progress = w.progress;
     // The private file changes only here; the count bounds the walk all the
     // same, so no figure ever passes what the batch took.
-    int32_t taken = 0;
-    while (taken < progress.total && get_filename(fd, source, sizeof source, label) == 1) {
-        ++taken;
-        auto send = [&](int32_t percent, rc status) noexcept {
-            post_transfer_event(job.operation, base_name(source), label, to, progress.item, progress.total, percent,
-                                percent_of(progress.whole_done, progress.whole_total),
-                                compute_time_left(progress.whole_done, progress.whole_total), status);
-        };
-        if (!batch_may_use(source) || storage::link_leads_out(source)) {
-            // A forged record, a path outside the confined drives root or a
-            // link leading out of it: reported and skipped.
-            failed = true;
-            send(percent_of(progress.item_done, progress.item_total), rc::bad_path);
-            last = rc::bad_path;
-            continue;
-        }
-        if (isfileexist(source) == 0) {
-            // The figures are still those of the previous entry.
-            failed = true;
-            send(percent_of(progress.item_done, progress.item_total), rc::missing_source);
-            last = rc::missing_source;
-            continue;
-        }
+    for (int32_t taken = 0; taken < progress.total; ++taken) {
+        if (get_filename(list.get(), w.source, sizeof w.source, w.label) != 1) break;
+        if (!entry_usable(w)) continue;
         ++progress.item;
         progress.step = 0;
         progress.item_done = 0;
-        progress.item_total = filesize64(source);
-        if (free_bytes < progress.item_total) {
-            send(percent_of(progress.item_done, progress.item_total), rc::no_space);
-            last = rc::no_space;
+        progress.item_total = filesize64(w.source);
+        if (w.free_bytes < progress.item_total) {
+            (void)refuse(w, rc::no_space);
             break;
         }
         progress.step = report_step(progress.item_total);
-
-        // The entry's name with its leading "/"; a trailing "/" of a folder
-        // does not count as the last one.
-        const std::size_t source_length = std::strlen(source);
-        const char *name = nullptr;
-        for (std::size_t i = source_length >= 1 ? source_length - 1 : 0; i-- > 0;) {
-            if (source[i] == '/') {
-                name = source + i;
-                break;
+        if (const char *name = entry_name(w.source)) {
+            w.last = transfer_entry(w, name);
+            if (w.last == rc::ok) {
+                mark_record_done(list.get(), w.source, w.label);
+                (void)::lchown(w.target, batch_owner, batch_owner);
+                w.free_bytes -= progress.item_total;
             }
         }
-        if (name != nullptr) {
-            if (!make_target_path(target, job.destination, name, !move)) {
-                send(percent_of(progress.item_done, progress.item_total), rc::bad_path);
-                last = rc::bad_path;
-            } else if (copies_into_itself(source, job.destination) ||
-                       (move && (std::strcmp(target, source) == 0 || isfileexist(target) != 0))) {
-                send(percent_of(progress.item_done, progress.item_total), rc::bad_path);
-                last = rc::bad_path;
-            } else if (move && samerootdrive(source, target, 0) != 0) {
-                last = move_by_rename(source, target, progress, label, to);
-            } else {
-                if (isdir(source) != 0) {
-                    last = copy_folder_with_progress(source, target, progress, job.operation, label, to, &ring);
-                    source[source_length] = '\0';
-                } else {
-                    last = copy_file_with_progress(source, target, progress, job.operation, label, to, &ring);
-                }
-                if (move && last == rc::ok) {
-                    // The copy reaches the disk before its source goes.
-                    ::sync();
-                    remove_source(source);
-                }
-            }
-            if (last == rc::ok) {
-                mark_record_done(fd, source, label);
-                (void)::lchown(target, 1001, 1001);
-                free_bytes -= progress.item_total;
-            }
-        }
-        if (last == rc::io) break;
-        if (last == rc::bad_path || last == rc::open_failed || last == rc::write_failed ||
-            last == rc::reopen_failed)
-            failed = true;
+        if (w.last == rc::io) break;
+        if (w.last == rc::bad_path || w.last == rc::open_failed || w.last == rc::write_failed ||
+            w.last == rc::reopen_failed)
+            w.failed = true;
         ::sync();
     }
-    finish_copy_ring(ring);
+    finish_copy_ring(w.ring);
     list.reset();
     // As designed, a batch whose last entry failed keeps its records (the
     // finished ones flagged "0") so that the same command can resume.
-    return_selection(last != rc::ok);
-    send_batch_end(job, progress.total, last == rc::ok && !failed ? rc::ok : rc::io);
+    return_selection(w.last != rc::ok);
+    send_batch_end(job, progress.total, w.last == rc::ok && !w.failed ? rc::ok : rc::io);
 }
 
 void *batch_thread(void *argument) noexcept {

@@ -25,10 +25,6 @@ base::rc copy_user_storage_file_from_list(VantorXmlNode *response_slot, CommandR
 // given back and job is still the caller's).
 base::rc start_batch(base::unique_fd &lock, void *(*body)(void *), void *job) noexcept;
 
-// delete_user_storage_file_from_list: optional argv[1] "true" also removes
-// the companion files. 0 when the batch was started, else 4.
-base::rc delete_user_storage_file_from_list(VantorXmlNode *response_slot, CommandRequest *request) noexcept;
-
 // Report step of an entry of item_total bytes: a hundredth above 1 GiB,
 // 16 MiB above 31 MiB, else 0 (start and end only).
 constexpr int64_t report_step(int64_t item_total) noexcept {
@@ -36,9 +32,5 @@ constexpr int64_t report_step(int64_t item_total) noexcept {
     if (item_total > 32505856) return 16777216;
     return 0;
 }
-
-// The status of a failed removal in the delete events, or 0 when the error
-// stops the delete walk.
-base::rc delete_status_for(int error) noexcept;
 
 }  // namespace transfer

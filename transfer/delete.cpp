@@ -1,5 +1,5 @@
-// The batch delete: every selected entry, and on request the companion
-// files the player keeps beside videos and disc folders.
+#include "transfer/delete.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,7 +15,6 @@
 
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "media/disc.h"
 #include "platform/host_api.h"
@@ -23,6 +22,7 @@
 #include "storage/paths.h"
 #include "transfer/batch.h"
 #include "transfer/engine.h"
+#include "transfer/folders.h"
 #include "transfer/progress.h"
 #include "transfer/selection.h"
 
@@ -36,7 +36,7 @@ constexpr std::array<const char *, 9> companion_suffixes{
     ".fanart.jpg", ".jpg", ".nfo", ".ass", ".idx", ".ssa", ".smi", ".srt", ".sub",
 };
 
-struct DeleteJob {
+struct delete_job {
     base::unique_fd lock;   // the batch lock, held until the thread ends
     bool companions = false;  // the request's switch was exactly "true"
 };
@@ -66,39 +66,38 @@ void remove_companions(std::string_view base) noexcept {
     }
 }
 
-// Empties a folder the way "rm -rf folder/*" does: every entry whose name
-// does not begin with "." goes, with all it holds; hidden entries at the
-// top stay. Subfolders are handed to "rm -rf" (never through a shell), so
-// depth costs no descriptors here.
-void remove_visible_contents(const char *folder) noexcept {
-    int fd = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    base::unique_dir dir(::fdopendir(fd));
-    if (dir == nullptr) {
-        ::close(fd);
-        return;
-    }
-    const int dfd = ::dirfd(dir.get());
+// Folder levels the delete goes down; a deeper folder stays, and with it
+// every folder above it.
+constexpr int folder_depth_max = 64;
+
+// Removes the entries of the open folder `dir` with all they hold, the
+// way "rm -rf" does (links are removed, never followed): at the top level
+// (depth 0) only those whose names do not begin with ".". False when the
+// folder could not be read to its end.
+bool remove_contents(DIR *dir, int depth) noexcept {
+    const int dfd = ::dirfd(dir);
+    bool whole = true;
     for (;;) {
         errno = 0;
-        const dirent *e = ::readdir(dir.get());
-        if (e == nullptr) break;
-        if (e->d_name[0] == '.') continue;
+        const dirent *e = ::readdir(dir);
+        if (e == nullptr) return whole && errno == 0;
+        const char *name = e->d_name;
+        if (depth == 0 ? name[0] == '.' : std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
         struct stat st{};
-        if (::fstatat(dfd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        if (!S_ISDIR(st.st_mode)) {
-            (void)::unlinkat(dfd, e->d_name, 0);
-            continue;
+        if (::fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(st.st_mode) && depth < folder_depth_max) {
+            const base::unique_dir sub = open_folder_at(dfd, name, O_NOFOLLOW);
+            if (sub != nullptr && !remove_contents(sub.get(), depth + 1)) whole = false;
         }
-        base::path_buffer child;
-        const char *separator = folder[0] != '\0' && folder[std::strlen(folder) - 1] == '/' ? "" : "/";
-        if (!base::format_into(child, "%s%s%s", folder, separator, e->d_name)) continue;
-        const char *argv[] = {"rm", "-rf", "--", child, nullptr};
-        base::spawn_options quiet;
-        quiet.quiet_stdout = true;
-        quiet.quiet_stderr = true;
-        (void)base::run_program(argv, quiet);
+        (void)::unlinkat(dfd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
     }
+}
+
+// Empties a folder the way "rm -rf folder/*" does: hidden entries at the
+// top stay. False when some folder of it could not be read to its end.
+bool remove_visible_contents(const char *folder) noexcept {
+    const base::unique_dir dir = open_folder_at(AT_FDCWD, folder);
+    return dir == nullptr || remove_contents(dir.get(), 0);  // unopened: the folder's removal tells
 }
 
 // Removes one entry; 0 or the error number.
@@ -114,7 +113,8 @@ int remove_entry(const char *path, bool companions) noexcept {
         return 0;
     }
     const unsigned disc = companions ? vantor_command_server_cdtypedetection(path) : 0;
-    remove_visible_contents(path);
+    // A folder that could not be read whole is not gone.
+    if (!remove_visible_contents(path)) return EIO;
     if (::rmdir(path) != 0) return errno;
     if (companions && disc != 0) {
         std::string_view base(path);
@@ -124,7 +124,7 @@ int remove_entry(const char *path, bool companions) noexcept {
     return 0;
 }
 
-void run_delete(DeleteJob &job) noexcept {
+void run_delete(delete_job &job) noexcept {
     base::unique_fd list(::open(batch_selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     if (!list.valid()) {
         job.lock.reset();
@@ -189,7 +189,7 @@ void run_delete(DeleteJob &job) noexcept {
 }
 
 void *delete_thread(void *argument) noexcept {
-    std::unique_ptr<DeleteJob> job(static_cast<DeleteJob *>(argument));
+    std::unique_ptr<delete_job> job(static_cast<delete_job *>(argument));
     run_delete(*job);
     return nullptr;
 }
@@ -203,7 +203,7 @@ base::rc delete_status_for(int error) noexcept {
 }
 
 base::rc delete_user_storage_file_from_list(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
-    std::unique_ptr<DeleteJob> job(new (std::nothrow) DeleteJob);
+    std::unique_ptr<delete_job> job(new (std::nothrow) delete_job);
     if (job == nullptr) return rc::io;
     // The request's text dies with the request: decide now.
     job->companions = request->args->argc >= 2 && request->args->argv[1] != nullptr &&

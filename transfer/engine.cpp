@@ -19,23 +19,23 @@
 #include <string_view>
 #include <vector>
 
+#include "base/io.h"
 #include "base/natural_order.h"
 #include "base/result.h"
 #include "platform/host_api.h"
 #include "storage/paths.h"
+#include "transfer/folders.h"
 
 namespace transfer {
-
-std::atomic<int> quiet_file_start{0};
 
 namespace {
 
 using base::rc;
 
 constexpr int64_t sixteen_mib = 16777216;
-constexpr uid_t user_owner = 1001;
-constexpr gid_t user_group = 1001;
-
+// Folder levels a tree copy goes down; a deeper folder fails as a too long
+// path does.
+constexpr int folder_depth_max = 64;
 
 // The figures every event of one operation shares.
 struct reporter {
@@ -98,8 +98,8 @@ constexpr int target_flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLL
 ssize_t read_chunk(int fd, char *buffer, std::size_t length, int64_t offset, int64_t size, int *error) noexcept {
     std::size_t total = 0;
     while (total < length) {
-        ssize_t n = ::pread(fd, buffer + total, length - total, offset + static_cast<int64_t>(total));
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = base::retry_eintr(
+            [&] { return ::pread(fd, buffer + total, length - total, offset + static_cast<int64_t>(total)); });
         if (n < 0 && errno == EINVAL && total > 0 && set_direct(fd, false)) continue;
         if (n < 0) {
             *error = errno;
@@ -110,19 +110,6 @@ ssize_t read_chunk(int fd, char *buffer, std::size_t length, int64_t offset, int
         if (total < length && offset + static_cast<int64_t>(total) >= size) break;
     }
     return static_cast<ssize_t>(total);
-}
-
-// Writes all of it at `offset`; the result of the last pwrite() when it
-// came short (so below 1 on failure), else the full length.
-ssize_t write_chunk(int fd, const char *buffer, std::size_t length, int64_t offset) noexcept {
-    std::size_t written = 0;
-    while (written < length) {
-        ssize_t n = ::pwrite(fd, buffer + written, length - written, offset + static_cast<int64_t>(written));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 1) return n;
-        written += static_cast<std::size_t>(n);
-    }
-    return static_cast<ssize_t>(written);
 }
 
 constexpr int ring_slots = 4;
@@ -212,7 +199,8 @@ void read_file_ahead(prefetch_record &f, char *buffer, std::size_t buffer_size) 
     const std::size_t length = f.direct ? whole_probe(f.size) : buffer_size;
     if (f.direct && length > buffer_size) return;
     int error = 0;
-    ssize_t n = f.direct ? ::pread(f.fd, buffer, length, 0) : read_chunk(f.fd, buffer, length, 0, f.size, &error);
+    ssize_t n = f.direct ? base::retry_eintr([&] { return ::pread(f.fd, buffer, length, 0); })
+                         : read_chunk(f.fd, buffer, length, 0, f.size, &error);
     // Only a file read whole is kept.
     if (n == f.size && n > 0 && static_cast<std::size_t>(n) < length) f.got = n;
 }
@@ -460,6 +448,7 @@ struct file_copy {
     ssize_t prefetched = -1;  // bytes of chunk 0 the direct-read test brought in (-1: none)
     prefetch_record *ahead = nullptr;  // the file as a reader read it ahead
     char *first_data = nullptr;        // where chunk 0 is, when not in buffer 0
+    bool announce = true;              // send the start event (a folder's first file only)
 };
 
 // Report points and the advance count (the file counts in full at once).
@@ -507,11 +496,7 @@ void test_direct_read(file_copy &c) noexcept {
     const std::size_t whole = whole_probe(c.size);
     const std::size_t length = whole <= c.ring.slot_size ? whole : copy_alignment;
     int error = 0;
-    ssize_t probe = -1;
-    for (;;) {
-        probe = ::pread(c.in.get(), c.ring.slot[0], length, 0);
-        if (probe >= 0 || errno != EINTR) break;
-    }
+    const ssize_t probe = base::retry_eintr([&] { return ::pread(c.in.get(), c.ring.slot[0], length, 0); });
     if (probe > 0) {
         std::fputs("read  - Using DIRECT IO !!!\n", stderr);
         if (length == whole) {
@@ -532,7 +517,7 @@ void test_direct_read(file_copy &c) noexcept {
 }
 
 void send_start(file_copy &c) noexcept {
-    if (quiet_file_start.load(std::memory_order_relaxed) != 0) return;
+    if (!c.announce) return;
     // The start event's percent is a fraction without the factor 100: it
     // reads 0.
     const TransferProgress &p = c.progress;
@@ -554,12 +539,12 @@ bool write_chunk_of(file_copy &c, int64_t k, const char *data, ssize_t got) noex
     }
     if (!c.direct_write) c.cached_write = true;
     const int64_t offset = k * static_cast<int64_t>(c.ring.slot_size);
-    ssize_t put = write_chunk(c.out.get(), data, static_cast<std::size_t>(got), offset);
+    ssize_t put = base::pwrite_all(c.out.get(), data, static_cast<std::size_t>(got), offset);
     if (put < 1 && c.first_write && c.direct_write) {
         c.out.reset(::open(c.target, target_flags, 0777));
         c.direct_write = false;
         c.cached_write = true;
-        put = c.out.valid() ? write_chunk(c.out.get(), data, static_cast<std::size_t>(got), offset) : -1;
+        put = c.out.valid() ? base::pwrite_all(c.out.get(), data, static_cast<std::size_t>(got), offset) : -1;
     }
     c.first_write = false;
     if (put >= 1) return true;
@@ -647,8 +632,10 @@ const char *base_name(const char *path) noexcept {
     return slash == nullptr ? "" : slash + 1;
 }
 
-base::rc copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
-                                uint32_t operation, const char *from, const char *to, copy_ring *ring) noexcept {
+namespace {
+
+rc copy_file(const char *source, const char *target, TransferProgress &progress, uint32_t operation,
+             const char *from, const char *to, copy_ring *ring, bool announce) noexcept {
     const reporter report{progress, operation, base_name(source), from, to};
     const int64_t size = filesize64(source);
     ring_state *const shared = ring != nullptr ? ring->state : nullptr;
@@ -670,6 +657,7 @@ base::rc copy_file_with_progress(const char *source, const char *target, Transfe
     }
     file_copy c{.report = report, .progress = progress, .source = source, .target = target, .ring = *buffers, .size = size};
     c.ahead = ahead;
+    c.announce = announce;
     plan_reports(c);
     open_files(c);
     if (c.code == rc::ok) test_direct_read(c);
@@ -684,39 +672,31 @@ base::rc copy_file_with_progress(const char *source, const char *target, Transfe
     return c.code;
 }
 
-namespace {
-
 struct folder_entry {
     std::string name;
     unsigned char d_type;  // as read: the listing order's folder test
     bool is_folder;        // followed through links: copied as a folder
 };
 
-// The source folder's entries without "." and "..", folders first, then in
-// natural name order. False when the folder cannot be read.
-bool list_folder(const char *folder, std::vector<folder_entry> &entries) noexcept {
-    int fd = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
-    base::unique_dir dir(::fdopendir(fd));
-    if (dir == nullptr) {
-        ::close(fd);
-        return false;
-    }
+// The entries of an open folder without "." and "..", folders first, then
+// in natural name order. False when the folder cannot be read to its end.
+bool list_folder(DIR *dir, std::vector<folder_entry> &entries) noexcept {
 #if defined(__cpp_exceptions)
     try {
 #endif
         for (;;) {
             errno = 0;
-            const dirent *e = ::readdir(dir.get());
+            const dirent *e = ::readdir(dir);
             if (e == nullptr) break;
             if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
             bool is_folder = e->d_type == DT_DIR;
             if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
                 struct stat st{};
-                is_folder = ::fstatat(::dirfd(dir.get()), e->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
+                is_folder = ::fstatat(::dirfd(dir), e->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
             }
             entries.push_back({e->d_name, e->d_type, is_folder});
         }
+        if (errno != 0) return false;  // a folder that failed mid-read is not complete
         std::sort(entries.begin(), entries.end(), [](const folder_entry &a, const folder_entry &b) {
             base::sort_entry x, y;
             x.name = a.name.c_str();
@@ -750,63 +730,98 @@ void read_files_ahead(copy_ring &ring, walk_position &next, walk_position end, c
     }
 }
 
+// One tree's copy. The source and target buffers spell the entry being
+// copied as text (for its events, the link check and its files); folders
+// are opened and made relative to their parents' descriptors.
+struct tree_copy {
+    base::path_buffer &source;
+    base::path_buffer &target;
+    TransferProgress &progress;
+    uint32_t operation;
+    const char *from;
+    const char *to;
+    copy_ring &ring;
+    bool quiet = false;  // files after a folder's first send no start event
+};
+
+// Appends "/" to a folder path of `length` characters unless it ends in one.
+std::size_t with_slash(char *path, std::size_t length) noexcept {
+    if (length == 0 || path[length - 1] != '/') path[length++] = '/', path[length] = '\0';
+    return length;
+}
+
+// The folder `source_name` of `source_dir` into a new folder `target_name`
+// of `target_dir`, `depth` levels below the tree's top.
+rc copy_folder_at(tree_copy &t, int source_dir, const char *source_name, int target_dir, const char *target_name,
+                  int depth) noexcept {
+    const reporter report{t.progress, t.operation, base_name(t.source), t.from, t.to};
+    std::size_t source_length = std::strlen(t.source);
+    std::size_t target_length = std::strlen(t.target);
+    if (depth > folder_depth_max || source_length >= base::path_max - 1 || target_length >= base::path_max - 1) {
+        report.send_current(rc::bad_path);
+        return rc::bad_path;
+    }
+    if (::mkdirat(target_dir, target_name, 0777) != 0) {
+        report.send_current(rc::io);
+        return rc::io;
+    }
+    t.progress.item_done += 4096;
+    t.progress.whole_done += 4096;
+    (void)::fchownat(target_dir, target_name, batch_owner, batch_owner, 0);
+    const base::unique_fd into(::openat(target_dir, target_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const base::unique_dir dir = open_folder_at(source_dir, source_name);
+    source_length = with_slash(t.source, source_length);
+    target_length = with_slash(t.target, target_length);
+    std::vector<folder_entry> entries;
+    if (!into.valid() || dir == nullptr || !list_folder(dir.get(), entries)) {
+        std::fprintf(stderr, "source[%s] no contents\n", t.source);
+        // Not all was copied: a move must not remove this source.
+        t.quiet = false;
+        report.send_current(rc::open_failed);
+        return rc::open_failed;
+    }
+    if (ring_state *r = ring_of(&t.ring, t.ring)) start_readers(*r);
+    walk_position ahead = entries.rbegin();
+    rc result = rc::ok;
+    for (auto e = entries.rbegin(); e != entries.rend() && result == rc::ok; ++e) {
+        if (ahead < e) ahead = e;
+        read_files_ahead(t.ring, ahead, entries.rend(), t.source, source_length);
+        const char *name = e->name.c_str();
+        const std::size_t name_length = e->name.size();
+        if (source_length + name_length >= base::path_max || target_length + name_length >= base::path_max)
+            continue;
+        std::memcpy(t.source + source_length, name, name_length + 1);
+        if ((e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) && storage::link_leads_out(t.source)) {
+            t.source[source_length] = '\0';  // a link leading out of the drives root is not followed
+            continue;
+        }
+        std::memcpy(t.target + target_length, name, name_length + 1);
+        result = e->is_folder ? copy_folder_at(t, ::dirfd(dir.get()), name, into.get(), name, depth + 1)
+                              : copy_file(t.source, t.target, t.progress, t.operation, t.from, t.to, &t.ring,
+                                          !t.quiet);
+        (void)::fchownat(into.get(), name, batch_owner, batch_owner, AT_SYMLINK_NOFOLLOW);
+        t.source[source_length] = '\0';
+        t.target[target_length] = '\0';
+        t.quiet = true;
+    }
+    if (t.ring.state != nullptr) cancel_prefetches(*t.ring.state);  // files a failure left unread
+    t.quiet = false;
+    return result;
+}
+
 }  // namespace
+
+base::rc copy_file_with_progress(const char *source, const char *target, TransferProgress &progress,
+                                uint32_t operation, const char *from, const char *to, copy_ring *ring) noexcept {
+    return copy_file(source, target, progress, operation, from, to, ring, true);
+}
 
 base::rc copy_folder_with_progress(base::path_buffer &source, base::path_buffer &target,
                                   TransferProgress &progress, uint32_t operation, const char *from,
                                   const char *to, copy_ring *ring) noexcept {
     copy_ring own;  // every file of the tree shares one ring
-    if (ring == nullptr) ring = &own;
-    const reporter report{progress, operation, base_name(source), from, to};
-    std::size_t source_length = std::strlen(source);
-    std::size_t target_length = std::strlen(target);
-    if (source_length >= base::path_max - 1 || target_length >= base::path_max - 1) {
-        report.send_current(rc::bad_path);
-        return rc::bad_path;
-    }
-    if (::mkdir(target, 0777) != 0) {
-        report.send_current(rc::io);
-        return rc::io;
-    }
-    progress.item_done += 4096;
-    progress.whole_done += 4096;
-    (void)::chown(target, user_owner, user_group);
-    if (source_length == 0 || source[source_length - 1] != '/') source[source_length++] = '/', source[source_length] = '\0';
-    if (target[target_length - 1] != '/') target[target_length++] = '/', target[target_length] = '\0';
-
-    std::vector<folder_entry> entries;
-    if (!list_folder(source, entries)) {
-        std::fprintf(stderr, "source[%s] no contents\n", source);
-        // Nothing was copied: a move must not remove this source.
-        quiet_file_start.store(0, std::memory_order_relaxed);
-        report.send_current(rc::open_failed);
-        return rc::open_failed;
-    }
-    if (ring_state *r = ring_of(ring, own)) start_readers(*r);
-    walk_position ahead = entries.rbegin();
-    rc result = rc::ok;
-    for (auto e = entries.rbegin(); e != entries.rend() && result == rc::ok; ++e) {
-        if (ahead < e) ahead = e;
-        read_files_ahead(*ring, ahead, entries.rend(), source, source_length);
-        const std::size_t name_length = e->name.size();
-        if (source_length + name_length >= base::path_max || target_length + name_length >= base::path_max)
-            continue;
-        std::memcpy(source + source_length, e->name.c_str(), name_length + 1);
-        if ((e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) && storage::link_leads_out(source)) {
-            source[source_length] = '\0';  // a link leading out of the drives root is not followed
-            continue;
-        }
-        std::memcpy(target + target_length, e->name.c_str(), name_length + 1);
-        result = e->is_folder ? copy_folder_with_progress(source, target, progress, operation, from, to, ring)
-                              : copy_file_with_progress(source, target, progress, operation, from, to, ring);
-        (void)::lchown(target, user_owner, user_group);
-        source[source_length] = '\0';
-        target[target_length] = '\0';
-        quiet_file_start.store(1, std::memory_order_relaxed);
-    }
-    if (ring->state != nullptr) cancel_prefetches(*ring->state);  // files a failure left unread
-    quiet_file_start.store(0, std::memory_order_relaxed);
-    return result;
+    tree_copy t{source, target, progress, operation, from, to, ring != nullptr ? *ring : own};
+    return copy_folder_at(t, AT_FDCWD, source, AT_FDCWD, target, 0);
 }
 
 base::rc move_by_rename(const char *source, const char *target, TransferProgress &progress, const char *from,

@@ -2,7 +2,6 @@
 // or a move by renaming, reporting on the framework pipe while it works.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -15,10 +14,8 @@
 
 namespace transfer {
 
-// While set, copy_file_with_progress sends no start event for its file: a
-// folder copy sets it after its first entry and clears it when it leaves a
-// folder. Shared by every batch of the process.
-extern std::atomic<int> quiet_file_start;
+// Owner and group of every file and folder a batch writes.
+inline constexpr unsigned batch_owner = 1001;
 
 inline constexpr std::size_t copy_buffer_size = 1048576;  // 1 MiB
 inline constexpr std::size_t copy_buffer_min = 16384;     // smallest buffer tried

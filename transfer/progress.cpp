@@ -3,10 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "base/export.h"
+#include "base/io.h"
 #include "base/owners.h"
 #include "base/spawn.h"
 #include "base/text.h"
@@ -23,16 +23,6 @@ namespace {
 constexpr std::size_t event_line_max = base::path_max * 3 + 512;
 
 int32_t not_negative(int32_t v) noexcept { return v < 0 ? 0 : v; }
-
-void write_whole(int fd, const char *text, std::size_t length) noexcept {
-    std::size_t written = 0;
-    while (written < length) {
-        ssize_t n = ::write(fd, text + written, length - written);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        written += static_cast<std::size_t>(n);
-    }
-}
 
 }  // namespace
 
@@ -66,7 +56,7 @@ void post_transfer_event(uint32_t operation, const char *filename, const char *f
             not_negative(whole), time_left, base::to_host(status));
     }
     if (!fits) return;  // cannot happen with path-sized fields
-    write_whole(pipe.get(), line, std::strlen(line));
+    (void)base::write_all(pipe.get(), line, std::strlen(line));
 }
 
 int32_t time_left_from(const timeval &start, const timeval &now, int64_t done, int64_t total) noexcept {

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/export.h"
+#include "base/io.h"
 #include "base/owners.h"
 #include "base/result.h"
 #include "base/spawn.h"
@@ -39,15 +40,7 @@ void collapse_slashes(char *path) noexcept {
 // One record in one write, so that a reader never sees half of it.
 void write_record(int fd, const char *label, const char *path) noexcept {
     char line[3 + label_size + base::path_max + 2];
-    if (!base::format_into(line, "1|%s|%s\n", label, path)) return;
-    std::size_t length = std::strlen(line);
-    std::size_t written = 0;
-    while (written < length) {
-        ssize_t n = ::write(fd, line + written, length - written);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        written += static_cast<std::size_t>(n);
-    }
+    if (base::format_into(line, "1|%s|%s\n", label, path)) (void)base::write_all(fd, line, std::strlen(line));
 }
 
 // Overwrites one flag byte at offset; the descriptor's own offset stays.
@@ -66,9 +59,7 @@ base::unique_fd open_locked_selection() noexcept {
     for (int attempt = 0; attempt < 16; ++attempt) {
         base::unique_fd fd(::open(selection_file, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
         if (!fd.valid()) return fd;
-        int locked;
-        while ((locked = ::flock(fd.get(), LOCK_EX)) != 0 && errno == EINTR) {
-        }
+        const int locked = base::lock_file(fd.get(), LOCK_EX);
         // Taken by a batch or removed while we waited: open the new one.
         if (locked != 0 || names_file(fd.get(), selection_file)) return fd;
     }
@@ -92,22 +83,6 @@ void create_selection(const char *label, const char *path, bool *raced) noexcept
     fd.reset();
     *raced = ::link(own, selection_file) != 0 && errno == EEXIST;
     ::unlink(own);
-}
-
-bool copy_rest(int in, int out) noexcept {
-    char buffer[8192];
-    for (;;) {
-        ssize_t n = ::read(in, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) return true;
-        for (ssize_t done = 0; done < n;) {
-            ssize_t w = ::write(out, buffer + done, static_cast<std::size_t>(n - done));
-            if (w < 0 && errno == EINTR) continue;
-            if (w <= 0) return false;
-            done += w;
-        }
-    }
 }
 
 // True when a path would forge or split records.
@@ -175,11 +150,9 @@ base::unique_fd lock_batch(bool *busy) noexcept {
     *busy = false;
     base::unique_fd fd(::open(batch_lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) return fd;
-    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EINTR) continue;
+    if (base::lock_file(fd.get(), LOCK_EX | LOCK_NB) != 0) {
         *busy = errno == EWOULDBLOCK;
         fd.reset();
-        break;
     }
     return fd;
 }
@@ -202,7 +175,8 @@ void return_selection(bool keep) noexcept {
         ::unlink(merged);
         base::unique_fd out(::open(merged, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         base::unique_fd old(::open(batch_selection_file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-        if (out.valid() && old.valid() && copy_rest(old.get(), out.get()) && copy_rest(newer.get(), out.get()) &&
+        if (out.valid() && old.valid() && base::copy_rest(old.get(), out.get()) &&
+            base::copy_rest(newer.get(), out.get()) &&
             out.close_checked() && ::rename(merged, selection_file) == 0) {
             ::unlink(batch_selection_file);
         } else {

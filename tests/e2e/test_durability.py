@@ -18,7 +18,7 @@ from test_transfer import events, mount_tmpfs, select_paths  # noqa: F401 (a fix
 
 pytestmark = pytest.mark.skipif(CROSS, reason="strace follows the emulator, not the player's calls")
 
-CALLS = "openat,mkdir,write,pwrite64,fsync,fdatasync,sync,syncfs,unlink,unlinkat,rmdir,execve,rename,renameat,renameat2"
+CALLS = "openat,mkdir,mkdirat,write,pwrite64,fsync,fdatasync,sync,syncfs,unlink,unlinkat,rmdir,execve,rename,renameat,renameat2"
 LINE = re.compile(r"^(\d+)\s+(.*)$")
 
 
@@ -57,6 +57,12 @@ def fd_paths(text):
     return re.findall(r"<(/[^>]*)>", text)
 
 
+def named(text):
+    """The paths a call names: each quoted word, also below the folder of the descriptor before it."""
+    words = re.findall(r'"([^"]*)"', text)
+    return words + [p + "/" + w for p, w in zip(fd_paths(text), words)]
+
+
 def completed(calls, name, path, after, before):
     """A call `name` on `path` (None: any) that succeeded strictly between the
     two line numbers."""
@@ -66,7 +72,7 @@ def completed(calls, name, path, after, before):
 
 def durable(calls, path, before, name=True):
     """Data (and name) of path durable before line `before`."""
-    made = [end for _, end, n, t in calls if f'"{path}"' in t and (n == "mkdir" or n == "openat" and "O_CREAT" in t)]
+    made = [end for _, end, n, t in calls if path in named(t) and (n in ("mkdir", "mkdirat") or "O_CREAT" in t)]
     assert made, f"{path} never made"
     data = max(made + [end for _, end, n, t in calls if n in ("write", "pwrite64") and fd_paths(t)[:1] == [path]])
     return completed(calls, "sync", None, data, before) or (
@@ -76,14 +82,9 @@ def durable(calls, path, before, name=True):
 
 def removals(calls, root):
     """Line numbers at which something under root starts being removed."""
-    out = []
-    for start, _, name, text in calls:
-        words = re.findall(r'"([^"]*)"', text)
-        paths = [p + "/" + w for p, w in zip(fd_paths(text), words)] + words
-        if name in ("unlink", "unlinkat", "rmdir") or name == "execve" and os.path.basename(words[0]) == "rm":
-            if any(p == str(root) or p.startswith(f"{root}/") for p in paths):
-                out.append(start)
-    return out
+    return [start for start, _, name, text in calls
+            if (name in ("unlink", "unlinkat", "rmdir") or name == "execve" and os.path.basename(named(text)[0]) == "rm")
+            and any(p == str(root) or p.startswith(f"{root}/") for p in named(text))]
 
 
 def test_batch_move_removes_no_source_before_its_copy_is_durable(fresh_host, drives, events):

@@ -128,18 +128,18 @@ def test_planted_links_are_never_followed_out(host, usb, framework_pipe, case):
 
 
 def test_a_batch_owns_its_selection(host, usb, framework_pipe, fake_bin):
-    # A slow "rm" keeps the delete busy; a hidden file then stops it.
-    make_fake(fake_bin, "rm", "sleep 2\nexec /bin/rm \"$@\"\n")
-    (usb / "a" / "sub").mkdir(parents=True)
-    (usb / "a" / ".hidden").write_text("h")
+    # A slow "mv" keeps a move on one drive busy, then fails and stops it.
+    make_fake(fake_bin, "mv", "sleep 2\nexit 1\n")
+    (usb / "dst").mkdir()
+    (usb / "a").write_text("a")
     (usb / "b").write_text("b")
     assert host.run("select_user_storage_file_to_list", f"{usb}/a", "select").result == 0
-    assert host.run("delete_user_storage_file_from_list").result == 0
+    assert host.run("move_user_storage_file_from_list", f"{usb}/dst").result == 0
     assert host.run("delete_user_storage_file_from_list").result == 2
     assert host.run("copy_user_storage_file_from_list", str(OUTSIDE)).result == 2
     assert host.run("select_user_storage_file_to_list", f"{usb}/b", "select").result == 0
     lines = wait_ends(framework_pipe)
-    assert (usb / "b").exists() and all("<total>1</total>" in l for l in lines[:-1])
+    assert (usb / "b").exists() and all("<total>1</total>" in l for l in lines[1:-1])
     # The unfinished record goes back in front of the newer selection.
     assert FSLIST.read_text() == f"1|Stick|{usb}/a\n1|Stick|{usb}/b\n"
     assert host.run("copy_user_storage_file_from_list", str(OUTSIDE)).result == 0

@@ -7,6 +7,7 @@
 
 #include "test_util.h"
 #include "transfer/batch.h"
+#include "transfer/delete.h"
 #include "transfer/engine.h"
 
 namespace {
@@ -21,10 +22,7 @@ std::string field(const std::string &line, const std::string &tag) {
 
 struct Engine : ::testing::Test {
     tu::drive_tree t{work};
-    void SetUp() override {
-        transfer::quiet_file_start = 0;
-        gettimeofday(&start_copy_time, nullptr);
-    }
+    void SetUp() override { gettimeofday(&start_copy_time, nullptr); }
     static transfer::TransferProgress progress_for(long long size) {
         transfer::TransferProgress p;
         p.item = p.total = p.permission_kind = 1;
@@ -103,18 +101,17 @@ TEST_F(Engine, ReportPointsTailsEmptyFilesAndRefusals) {
 TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
     tu::event_pipe pipe;
     char folder[4096] = "/tmp/engine_test/", out[4096];
-    ASSERT_TRUE(transfer::make_target_path(out, folder, "/x.avi", true));
-    EXPECT_STREQ(out, "/tmp/engine_test/x.avi");
+    auto target_of = [&](const std::string &name, bool unique) {
+        return transfer::make_target_path(out, folder, name.c_str(), unique) ? std::string(out) : "(too long)";
+    };
+    EXPECT_EQ(target_of("/x.avi", true), work + "/x.avi");
     EXPECT_STREQ(folder, "/tmp/engine_test");  // the caller's folder lost its "/"
     tu::write_file(work + "/x.avi", "1");
-    ASSERT_TRUE(transfer::make_target_path(out, folder, "/x.avi", true));
-    EXPECT_STREQ(out, "/tmp/engine_test/copy_1_of_x.avi");
+    EXPECT_EQ(target_of("/x.avi", true), work + "/copy_1_of_x.avi");
     tu::write_file(out, "2");
-    ASSERT_TRUE(transfer::make_target_path(out, folder, "x.avi", true));
-    EXPECT_STREQ(out, "/tmp/engine_test/copy_2_of_x.avi");
-    ASSERT_TRUE(transfer::make_target_path(out, folder, "/x.avi", false));
-    EXPECT_STREQ(out, "/tmp/engine_test/x.avi");
-    EXPECT_FALSE(transfer::make_target_path(out, folder, ("/" + std::string(4090, 'n')).c_str(), false));
+    EXPECT_EQ(target_of("x.avi", true), work + "/copy_2_of_x.avi");
+    EXPECT_EQ(target_of("/x.avi", false), work + "/x.avi");
+    EXPECT_EQ(target_of("/" + std::string(4090, 'n'), false), "(too long)");
     EXPECT_STREQ(transfer::base_name("/a/b/"), "");
     for (auto [f, text] : {std::pair{"a.txt", "aa"}, {"b.txt", "bbb"}, {"sub/c.txt", "c"}, {"sub/deeper/d.txt", "dddd"},
                            {".hidden", "h"}})
@@ -129,7 +126,6 @@ TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
     EXPECT_STREQ(source, (work + "/src/").c_str());  // restored, with its "/"
     EXPECT_EQ(tu::read_file(work + "/dst/src/sub/deeper/d.txt"), "dddd");
     EXPECT_EQ(tu::read_file(work + "/dst/src/.hidden"), "h");
-    EXPECT_EQ(transfer::quiet_file_start.load(), 0);
     // Walked from the last entry: files in reverse natural order, then the
     // folders; only the first file sends its start event.
     std::string order;
@@ -138,6 +134,10 @@ TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
     std::strcpy(source, (work + "/src").c_str());
     EXPECT_EQ(transfer::copy_folder_with_progress(source, target, p, 0, "", ""), 4);  // exists already
     std::strcpy(target, (work + "/" + std::string(4095 - work.size() - 1, 'l')).c_str());
+    EXPECT_EQ(transfer::copy_folder_with_progress(source, target, p, 0, "", ""), 11);
+    std::string deep = work + "/deep";  // 65 levels below the copied folder: refused as a too long path is
+    for (int level = 0; level < 65; ++level) tu::fs::create_directories(deep += "/d");
+    std::strcpy(source, (work + "/deep").c_str()), std::strcpy(target, (work + "/deep.out").c_str());
     EXPECT_EQ(transfer::copy_folder_with_progress(source, target, p, 0, "", ""), 11);
 }
 
