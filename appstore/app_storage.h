@@ -5,9 +5,7 @@
 
 #include <cstdint>
 
-#include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "platform/host_api.h"
 

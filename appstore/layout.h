@@ -4,7 +4,6 @@
 
 #include <cstdint>
 
-#include "base/owners.h"
 #include "base/text.h"
 #include "platform/host_api.h"
 

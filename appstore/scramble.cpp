@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 
 namespace appstore {

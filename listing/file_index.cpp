@@ -17,7 +17,6 @@
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "listing/filters.h"
 #include "listing/folder_scan.h"

@@ -13,7 +13,6 @@
 #include "base/io.h"
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "listing/cache_records.h"
 #include "listing/dates.h"

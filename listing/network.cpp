@@ -14,6 +14,7 @@
 #include "base/answer.h"
 #include "base/export.h"
 #include "base/io.h"
+#include "base/spawn.h"
 #include "listing/cache_records.h"
 #include "listing/filters.h"
 #include "storage/display_names.h"

@@ -8,7 +8,6 @@
 
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "listing/cache_records.h"
 #include "platform/host_api.h"

@@ -12,9 +12,7 @@
 #include <string_view>
 
 #include "base/answer.h"
-#include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "listing/dates.h"
 #include "listing/filters.h"

@@ -19,7 +19,6 @@
 #include "base/export.h"
 #include "base/io.h"
 #include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "listing/cache_records.h"
 #include "listing/dates.h"

@@ -8,8 +8,6 @@
 #include <string_view>
 
 #include "base/export.h"
-#include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 
 namespace media {

@@ -14,8 +14,6 @@
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
-#include "base/text.h"
 #include "storage/paths.h"
 
 namespace media {

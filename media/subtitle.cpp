@@ -9,7 +9,6 @@
 #include "base/answer.h"
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "media/hash.h"
 #include "storage/paths.h"

@@ -10,7 +10,6 @@
 
 #include "base/io.h"
 #include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "platform/host_api.h"
 #include "storage/paths.h"

@@ -4,8 +4,6 @@
 #include <span>
 
 #include "base/owners.h"
-#include "base/spawn.h"
-#include "base/text.h"
 
 namespace storage {
 

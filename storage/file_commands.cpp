@@ -12,7 +12,6 @@
 #include "base/answer.h"
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "storage/mime.h"
 #include "storage/paths.h"

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/owners.h"
 #include "base/result.h"
 #include "base/spawn.h"
 #include "base/text.h"

@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "platform/host_api.h"
 

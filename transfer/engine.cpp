@@ -22,6 +22,7 @@
 #include "base/io.h"
 #include "base/natural_order.h"
 #include "base/result.h"
+#include "base/spawn.h"
 #include "platform/host_api.h"
 #include "storage/paths.h"
 #include "transfer/folders.h"
@@ -788,8 +789,12 @@ rc copy_folder_at(tree_copy &t, int source_dir, const char *source_name, int tar
         read_files_ahead(t.ring, ahead, entries.rend(), t.source, source_length);
         const char *name = e->name.c_str();
         const std::size_t name_length = e->name.size();
-        if (source_length + name_length >= base::path_max || target_length + name_length >= base::path_max)
+        if (source_length + name_length >= base::path_max || target_length + name_length >= base::path_max) {
+            // Too long a path to copy: the folder is not complete, so a move keeps its source.
+            report.send_current(rc::bad_path);
+            result = rc::bad_path;
             continue;
+        }
         std::memcpy(t.source + source_length, name, name_length + 1);
         if ((e->d_type == DT_LNK || e->d_type == DT_UNKNOWN) && storage::link_leads_out(t.source)) {
             t.source[source_length] = '\0';  // a link leading out of the drives root is not followed

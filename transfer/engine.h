@@ -6,9 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "transfer/progress.h"
 

@@ -8,7 +8,6 @@
 #include "base/export.h"
 #include "base/io.h"
 #include "base/owners.h"
-#include "base/spawn.h"
 #include "base/text.h"
 
 extern "C" {

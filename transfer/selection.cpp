@@ -15,7 +15,6 @@
 #include "base/io.h"
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
 #include "base/text.h"
 #include "storage/display_names.h"
 #include "storage/paths.h"

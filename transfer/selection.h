@@ -10,8 +10,6 @@
 
 #include "base/owners.h"
 #include "base/result.h"
-#include "base/spawn.h"
-#include "base/text.h"
 #include "platform/host_api.h"
 
 namespace transfer {

@@ -6,9 +6,7 @@
 
 #include <chrono>
 
-#include "base/owners.h"
 #include "base/spawn.h"
-#include "base/text.h"
 
 TEST(ChildTimeLimit, KillsAtTheLimitAndLetsQuickChildrenFinish) {
     base::spawn_options limited;
