@@ -305,10 +305,24 @@ def respelled(text):
     return text.replace("base::base::", "base::")
 
 
+# Handlers that returned the integer 0 now return rc::ok.
+SAME_FILE_RESPELLINGS = {"return 0;": "return rc::ok;"}
+# A line is looked for in other files only where its file's code went.
+SPLIT_FILES = {
+    "listing/file_index.cpp": ["listing/folder_scan.cpp", "listing/network.cpp"],
+    "listing/share_list.cpp": ["listing/folder_scan.cpp"],
+    "plugin/util.cpp": ["base/text.cpp", "base/spawn.cpp", "base/io.cpp"],
+    "listing/order.cpp": ["base/natural_order.cpp", "listing/sort_orders.cpp", "listing/filters.cpp",
+                          "listing/type_words.cpp", "listing/search_classification.cpp"],
+    "listing/names.cpp": ["storage/display_names.cpp"],
+    "listing/format.cpp": ["listing/cache_records.cpp", "listing/dates.cpp", "base/answer.cpp"],
+}
+
+
 def locate(root, entries):
     """Re-locates replayed mutants in the code under root; missing -> gone.
-    A line no longer in its file (moved, or respelled) is looked for in every
-    source file; the first file holding it wins."""
+    A line is also found in its newer spelling, and in the files its file
+    was split into (SPLIT_FILES); the first file holding it wins."""
     cache = {}
 
     def load(rel):
@@ -329,12 +343,13 @@ def locate(root, entries):
         found = dict(e)
         found["gone"] = True
         texts = [e["line_text"], respelled(e["line_text"])]
-        for rel in [e["file"]] + [f for f in source_files(root) if f != e["file"]]:
+        for rel in [e["file"]] + SPLIT_FILES.get(e["file"], []):
             data = load(rel)
             if not data:
                 continue
             lines, masked, first = data
-            k = next((first[t] for t in texts if t in first), None)
+            here = texts + [SAME_FILE_RESPELLINGS.get(e["line_text"], "")] if rel == e["file"] else texts
+            k = next((first[t] for t in here if t in first), None)
             if k is None:
                 continue
             for op, occ, new in line_sites(lines, masked, k):
