@@ -9,6 +9,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "base/folders.h"
 #include "base/owners.h"
 #include "base/text.h"
 #include "listing/filters.h"
@@ -43,22 +44,14 @@ void append_text(std::vector<char> &names, const char *text) {
 bool scan_folder(int dir_fd, const char *dir, sort_kind kind, const scan_filter &filter, folder_scan &out) {
     // A descriptor of its own for the stream (closedir closes it); dir_fd
     // stays open for the caller's status calls.
-    base::unique_fd stream_fd(::openat(dir_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!stream_fd.valid()) return false;
-    base::unique_dir stream(::fdopendir(stream_fd.get()));
+    const base::unique_dir stream = base::open_folder_at(dir_fd, ".");
     if (stream == nullptr) return false;
-    stream_fd.release();
     bool in_disc = inside_disc_tree(dir);
     std::vector<key_offsets> offsets;
-    for (;;) {
-        errno = 0;
-        const dirent *e = ::readdir(stream.get());
-        if (e == nullptr) {
-            if (errno != 0) return false;
-            break;
-        }
+    bool failed = false;
+    while (const dirent *e = base::next_entry(stream.get(), &failed)) {
         const char *name = e->d_name;
-        if (is_hidden_name(name)) continue;  // also "." and ".."
+        if (is_hidden_name(name)) continue;
         if (filter.keyword != nullptr && !keyword_matches(name, filter.keyword)) continue;
         scanned_entry item{};
         item.sort.d_type = e->d_type;
@@ -95,6 +88,7 @@ bool scan_folder(int dir_fd, const char *dir, sort_kind kind, const scan_filter 
         out.entries.push_back(item);
         offsets.push_back(at);
     }
+    if (failed) return false;  // a folder cut short is not listed as if whole
     out.order.resize(out.entries.size());
     for (std::size_t i = 0; i < out.entries.size(); ++i) {
         scanned_entry &item = out.entries[i];

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/folders.h"
+
 namespace listing {
 namespace {
 
@@ -140,14 +142,8 @@ bool read_ahead_oldest(walker &w) noexcept {
         errno = ENOMEM;
         return false;
     }
-    for (;;) {
-        errno = 0;
-        dirent *d = ::readdir(f.stream);
-        if (d == nullptr) {
-            if (errno == 0) break;
-            std::free(buffer);
-            return false;
-        }
+    bool failed = false;
+    while (const dirent *d = base::next_entry(f.stream, &failed)) {
         std::size_t length = std::strlen(d->d_name);
         if (used + length + 3 > size) {
             size = (size + length + 3) * 2;
@@ -162,6 +158,10 @@ bool read_ahead_oldest(walker &w) noexcept {
         buffer[used++] = static_cast<char>(d->d_type);
         std::memcpy(buffer + used, d->d_name, length + 1);
         used += length + 1;
+    }
+    if (failed) {
+        std::free(buffer);
+        return false;
     }
     buffer[used++] = DT_UNKNOWN;
     buffer[used] = '\0';
@@ -275,10 +275,10 @@ int read_folder(walker &w, folder *parent, walk_entry &self) {
         const char *name;
         unsigned char type;
         if (f.stream != nullptr) {
-            errno = 0;
-            dirent *d = ::readdir(f.stream);
+            bool failed = false;
+            const dirent *d = base::next_entry(f.stream, &failed);
             if (d == nullptr) {
-                if (errno != 0) result = -1;  // a folder cut short is not walked as if whole
+                if (failed) result = -1;  // a folder cut short is not walked as if whole
                 break;
             }
             name = d->d_name;
@@ -289,7 +289,6 @@ int read_folder(walker &w, folder *parent, walk_entry &self) {
             if (*name == '\0') break;
             f.ahead_pos += std::strlen(name) + 2;
         }
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
         std::size_t name_length = std::strlen(name);
         if (!w.reserve(static_cast<std::size_t>(w.base) + name_length + 2)) {
             result = -1;

@@ -22,7 +22,7 @@
 #include "storage/paths.h"
 #include "transfer/batch.h"
 #include "transfer/engine.h"
-#include "transfer/folders.h"
+#include "base/folders.h"
 #include "transfer/progress.h"
 #include "transfer/selection.h"
 
@@ -77,26 +77,25 @@ constexpr int folder_depth_max = 64;
 bool remove_contents(DIR *dir, int depth) noexcept {
     const int dfd = ::dirfd(dir);
     bool whole = true;
-    for (;;) {
-        errno = 0;
-        const dirent *e = ::readdir(dir);
-        if (e == nullptr) return whole && errno == 0;
+    bool failed = false;
+    while (const dirent *e = base::next_entry(dir, &failed)) {
         const char *name = e->d_name;
-        if (depth == 0 ? name[0] == '.' : std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+        if (depth == 0 && name[0] == '.') continue;
         struct stat st{};
         if (::fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
         if (S_ISDIR(st.st_mode) && depth < folder_depth_max) {
-            const base::unique_dir sub = open_folder_at(dfd, name, O_NOFOLLOW);
+            const base::unique_dir sub = base::open_folder_at(dfd, name, O_NOFOLLOW);
             if (sub != nullptr && !remove_contents(sub.get(), depth + 1)) whole = false;
         }
         (void)::unlinkat(dfd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
     }
+    return whole && !failed;
 }
 
 // Empties a folder the way "rm -rf folder/*" does: hidden entries at the
 // top stay. False when some folder of it could not be read to its end.
 bool remove_visible_contents(const char *folder) noexcept {
-    const base::unique_dir dir = open_folder_at(AT_FDCWD, folder);
+    const base::unique_dir dir = base::open_folder_at(AT_FDCWD, folder);
     return dir == nullptr || remove_contents(dir.get(), 0);  // unopened: the folder's removal tells
 }
 

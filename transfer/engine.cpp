@@ -25,7 +25,7 @@
 #include "base/spawn.h"
 #include "platform/host_api.h"
 #include "storage/paths.h"
-#include "transfer/folders.h"
+#include "base/folders.h"
 
 namespace transfer {
 
@@ -685,11 +685,8 @@ bool list_folder(DIR *dir, std::vector<folder_entry> &entries) noexcept {
 #if defined(__cpp_exceptions)
     try {
 #endif
-        for (;;) {
-            errno = 0;
-            const dirent *e = ::readdir(dir);
-            if (e == nullptr) break;
-            if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        bool failed = false;
+        while (const dirent *e = base::next_entry(dir, &failed)) {
             bool is_folder = e->d_type == DT_DIR;
             if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
                 struct stat st{};
@@ -697,7 +694,7 @@ bool list_folder(DIR *dir, std::vector<folder_entry> &entries) noexcept {
             }
             entries.push_back({e->d_name, e->d_type, is_folder});
         }
-        if (errno != 0) return false;  // a folder that failed mid-read is not complete
+        if (failed) return false;  // a folder that failed mid-read is not complete
         std::sort(entries.begin(), entries.end(), [](const folder_entry &a, const folder_entry &b) {
             base::sort_entry x, y;
             x.name = a.name.c_str();
@@ -770,7 +767,7 @@ rc copy_folder_at(tree_copy &t, int source_dir, const char *source_name, int tar
     t.progress.whole_done += 4096;
     (void)::fchownat(target_dir, target_name, batch_owner, batch_owner, 0);
     const base::unique_fd into(::openat(target_dir, target_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const base::unique_dir dir = open_folder_at(source_dir, source_name);
+    const base::unique_dir dir = base::open_folder_at(source_dir, source_name);
     source_length = with_slash(t.source, source_length);
     target_length = with_slash(t.target, target_length);
     std::vector<folder_entry> entries;

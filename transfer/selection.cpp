@@ -43,7 +43,7 @@ void write_record(int fd, const char *label, const char *path) noexcept {
 }
 
 // Overwrites one flag byte at offset; the descriptor's own offset stays.
-void rewrite_flag(int fd, off_t offset, char flag) noexcept { (void)::pwrite(fd, &flag, 1, offset); }
+void rewrite_flag(int fd, off_t offset, char flag) noexcept { (void)base::pwrite_all(fd, &flag, 1, offset); }
 
 bool names_file(int fd, const char *name) noexcept {
     struct stat held, named;
