@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "base/io.h"
+
 extern char **environ;
 
 namespace base {
@@ -18,10 +20,7 @@ namespace {
 
 int wait_for(pid_t pid) noexcept {
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
-    return status;
+    return retry_eintr([&] { return ::waitpid(pid, &status, 0); }) < 0 ? -1 : status;
 }
 
 double monotonic_seconds() noexcept {
@@ -37,9 +36,9 @@ int wait_at_most(pid_t pid, int limit) noexcept {
     long pause_ns = 1000000;  // 1 ms, growing to 50 ms
     for (;;) {
         int status = 0;
-        pid_t r = ::waitpid(pid, &status, WNOHANG);
+        pid_t r = retry_eintr([&] { return ::waitpid(pid, &status, WNOHANG); });
         if (r == pid) return status;
-        if (r < 0 && errno != EINTR) return -1;
+        if (r < 0) return -1;
         if (monotonic_seconds() >= deadline) {
             ::kill(pid, SIGKILL);
             return wait_for(pid);
