@@ -48,7 +48,7 @@ base::rc storage_file(CommandRequest *request, base::path_buffer &file) noexcept
     if (name == nullptr || leaves_storage(name)) return rc::failure;
     base::path_buffer root;
     int32_t kind = storage::load_and_translate(root, drive);
-    if (kind != storage::network_path && kind != storage::local_path) return rc::failure;
+    if (!storage::is_translated(kind)) return rc::failure;
     if (!detail::storage_file_path(file, root, std::atoi(id_text), name)) return rc::failure;
     return rc::ok;
 }
@@ -171,7 +171,7 @@ base::rc copy_app_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest
     unsigned int size = statfilesize(file);
     base::path_buffer target;
     int32_t kind = storage::load_and_translate(target, argument(request, 5));
-    if (kind != storage::network_path && kind != storage::local_path) return rc::failure;
+    if (!storage::is_translated(kind)) return rc::failure;
     if (storage::check_free_space(size, target) != 0) return rc::no_room;
     const char *argv[] = {"cp", "--", file, target, nullptr};
     (void)base::run_program(argv);  // its status does not change the answer

@@ -129,7 +129,7 @@ base::rc get_user_storage_file_index(VantorXmlNode *response_slot, CommandReques
     base::path_buffer translated;
     int32_t kind = storage::load_and_translate(translated, argv[1]);
     struct stat st;
-    if ((kind != storage::network_path && kind != storage::local_path) || ::stat(translated, &st) != 0)
+    if (!storage::is_translated(kind) || ::stat(translated, &st) != 0)
         return rc::bad_path;
     // ...while the split and the count use the entry as the client gave it.
     base::path_buffer given;

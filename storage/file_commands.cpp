@@ -26,7 +26,6 @@ struct file_closer {
 };
 using unique_file = std::unique_ptr<FILE, file_closer>;
 
-bool translated(int32_t kind) noexcept { return kind == network_path || kind == local_path; }
 
 const char *arg(CommandRequest *request, int i) noexcept { return request->args->argv[i]; }
 
@@ -90,7 +89,7 @@ void owner_permission_text(unsigned mode, char (&out)[32]) noexcept {
 
 base::rc create_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     base::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     if (isfileexist(path)) return rc::exists;
 
     // One level of parent folder, made on demand; its outcome shows in the
@@ -112,7 +111,7 @@ base::rc create_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequ
 base::rc write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     uint32_t count = client_count(arg(request, 4));
     base::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
     if (!isfileexist(path)) return rc::not_found;
     if (::access(path, W_OK) != 0) return rc::no_permission;
 
@@ -139,7 +138,7 @@ base::rc write_user_storage_file(VantorXmlNode * /*response_slot*/, CommandReque
 base::rc read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
     VantorXmlNode response = base::response_of(response_slot);
     base::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
     if (!isfileexist(path)) return rc::not_found;
     if (::access(path, R_OK) != 0) return rc::no_permission;
     unique_file file(std::fopen(path, "re"));
@@ -179,7 +178,7 @@ base::rc read_user_storage_file(VantorXmlNode *response_slot, CommandRequest *re
 base::rc get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
     VantorXmlNode response = base::response_of(response_slot);
     base::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     sort_mime_table();
     if (!isfileexist(path)) return rc::not_found;
     struct stat st;
@@ -189,7 +188,7 @@ base::rc get_user_storage_file_info(VantorXmlNode *response_slot, CommandRequest
     base::format_into(text, "%llu", static_cast<unsigned long long>(st.st_size));
     base::add_element(response, "fileSize", text);
 
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::bad_path;
     const char *mime = mime_type_for_path(path);
     base::add_element(response, "mimeType", mime);
 

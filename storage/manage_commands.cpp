@@ -38,7 +38,6 @@ static_assert([] {
     return true;
 }(), "each errno appears once");
 
-bool translated(int32_t kind) noexcept { return kind == network_path || kind == local_path; }
 
 const char *arg(CommandRequest *request, int i) noexcept { return request->args->argv[i]; }
 
@@ -69,8 +68,8 @@ base::rc result_for_errno(int error) noexcept {
 base::rc copy_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request, int move) noexcept {
     base::path_buffer source;
     base::path_buffer target;
-    if (!translated(load_and_translate(source, arg(request, 1)))) return rc::failure;
-    if (!translated(load_and_translate(target, arg(request, 2)))) return rc::failure;
+    if (!is_translated(load_and_translate(source, arg(request, 1)))) return rc::failure;
+    if (!is_translated(load_and_translate(target, arg(request, 2)))) return rc::failure;
     if (!isfileexist(source) || !isfileexist(target)) return rc::not_found;
     if (::access(source, R_OK) != 0 || ::access(target, W_OK) != 0) return rc::no_permission;
     // Moves are checked too, even where they would only relink.
@@ -84,9 +83,9 @@ base::rc copy_user_storage_file(VantorXmlNode * /*response_slot*/, CommandReques
 base::rc backup_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     base::path_buffer source;
     base::path_buffer target;
-    if (!translated(load_and_translate(source, arg(request, 1)))) return rc::bad_path;
+    if (!is_translated(load_and_translate(source, arg(request, 1)))) return rc::bad_path;
     if (!isfileexist(source)) return rc::not_found;
-    if (!translated(load_and_translate(target, arg(request, 2)))) return rc::bad_path;
+    if (!is_translated(load_and_translate(target, arg(request, 2)))) return rc::bad_path;
     for (std::size_t n = std::strlen(target); n > 0 && target[n - 1] == '/'; --n) target[n - 1] = '\0';
 
     bool overwrite = request->args->argc == 4 && std::strcmp(arg(request, 3), "true") == 0;
@@ -108,7 +107,7 @@ base::rc backup_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequ
 
 base::rc delete_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     base::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
     if (!isfileexist(path)) return rc::not_found;
     if (::access(path, R_OK | W_OK) != 0) return rc::no_permission;
     // Whatever rm manages to remove is gone; its status is not reported.
@@ -118,7 +117,7 @@ base::rc delete_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequ
 
 base::rc create_user_storage_directory(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     base::path_buffer path;
-    if (!translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
+    if (!is_translated(load_and_translate(path, arg(request, 1)))) return rc::failure;
     if (isfileexist(path)) return rc::exists;
 
     base::path_buffer parent;
@@ -133,8 +132,8 @@ base::rc create_user_storage_directory(VantorXmlNode * /*response_slot*/, Comman
 base::rc rename_user_storage_file(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     base::path_buffer old_path;
     base::path_buffer new_path;
-    if (!translated(load_and_translate(old_path, arg(request, 1)))) return rc::failure;
-    if (!translated(load_and_translate(new_path, arg(request, 2)))) return rc::failure;
+    if (!is_translated(load_and_translate(old_path, arg(request, 1)))) return rc::failure;
+    if (!is_translated(load_and_translate(new_path, arg(request, 2)))) return rc::failure;
     if (!isfileexist(old_path)) return rc::not_found;
     if (::access(old_path, W_OK) != 0) return rc::no_permission;
     if (isfileexist(new_path)) return rc::exists;

@@ -21,6 +21,7 @@ static_assert(reserved_area.starts_with(drives_root) && cdrom_tree.starts_with(d
               network_share_tree.starts_with(drives_root));
 
 enum translate_kind : int32_t { untranslatable = -1, network_path = 1, local_path = 2 };
+constexpr bool is_translated(int32_t kind) noexcept { return kind == network_path || kind == local_path; }
 
 // Rewrites the path held in a 4096-byte buffer in place: 1 for an "smb://" or
 // "nfs://" address now holding its mount path, 2 for a local path now
