@@ -33,9 +33,6 @@ constexpr int max_id_draws = 100000;
 // plug-in wrote.
 constexpr long long identity_line_max = 4096;
 
-bool translated(int32_t kind) noexcept {
-    return kind == storage::network_path || kind == storage::local_path;
-}
 
 // Reads the identity file's first line (at most its size) into line.
 bool read_identity_line(const char *path, char (&line)[identity_line_max]) noexcept {
@@ -103,7 +100,7 @@ base::rc verify_app_access(const char *drive, const char *id_text, const char *p
     if (drive == nullptr || id_text == nullptr || password == nullptr) return rc::failure;
     int32_t id = std::atoi(id_text);
     base::path_buffer root;
-    if (!translated(storage::load_and_translate(root, drive))) return rc::failure;
+    if (!storage::is_translated(storage::load_and_translate(root, drive))) return rc::failure;
     if (!detail::identity_file_path(identity_path, root, id)) return rc::failure;
     if (!isfileexist(identity_path)) return rc::not_found;
 
@@ -119,7 +116,7 @@ base::rc verify_app_access(const char *drive, const char *id_text, const char *p
 base::rc create_app_storage(VantorXmlNode *response_slot, CommandRequest *request) noexcept {
     const char *password = argument(request, 2);
     base::path_buffer root;
-    if (password == nullptr || !translated(storage::load_and_translate(root, argument(request, 1))))
+    if (password == nullptr || !storage::is_translated(storage::load_and_translate(root, argument(request, 1))))
         return rc::failure;
     if (!isfileexist(root)) return rc::not_found;
     if (::access(root, W_OK | X_OK) != 0) return rc::no_permission;
@@ -159,14 +156,11 @@ base::rc change_app_storage_password(VantorXmlNode * /*response_slot*/, CommandR
     const char *old_password = argument(request, 3);
     const char *new_password = argument(request, 4);
     const char *repeated = argument(request, 5);
-    base::path_buffer identity;
+    base::path_buffer identity;  // left by the check
     if (base::rc r = verify_app_access(drive, id_text, old_password, identity); r != base::rc::ok) return r;
     if (new_password == nullptr || repeated == nullptr || std::strlen(new_password) > password_max)
         return rc::failure;
-    base::path_buffer root;
-    if (!translated(storage::load_and_translate(root, drive))) return rc::failure;
-    int32_t id = std::atoi(id_text);
-    if (!detail::identity_file_path(identity, root, id)) return rc::failure;
+    const int32_t id = std::atoi(id_text);
     if (std::strcmp(new_password, repeated) != 0) return rc::failure;
     if (std::strcmp(new_password, old_password) == 0) return rc::ok;
     return replace_identity(identity, id, new_password) ? rc::ok : rc::failure;
@@ -179,7 +173,7 @@ base::rc delete_app_storage(VantorXmlNode * /*response_slot*/, CommandRequest *r
     if (base::rc r = verify_app_access(drive, id_text, argument(request, 3), identity); r != base::rc::ok) return r;
     base::path_buffer root;
     base::path_buffer folder;
-    if (!translated(storage::load_and_translate(root, drive)) ||
+    if (!storage::is_translated(storage::load_and_translate(root, drive)) ||
         !detail::storage_folder_path(folder, root, std::atoi(id_text)))
         return rc::failure;
     if (!isfileexist(folder)) return rc::not_found;
@@ -190,7 +184,7 @@ base::rc delete_app_storage(VantorXmlNode * /*response_slot*/, CommandRequest *r
 base::rc delete_all_app_storage(VantorXmlNode * /*response_slot*/, CommandRequest *request) noexcept {
     base::path_buffer root;
     base::path_buffer area;
-    if (!translated(storage::load_and_translate(root, argument(request, 1))) ||
+    if (!storage::is_translated(storage::load_and_translate(root, argument(request, 1))) ||
         !detail::storage_area_path(area, root))
         return rc::failure;
     if (!isfileexist(area)) return rc::not_found;
