@@ -1,8 +1,8 @@
-// The run entry with arbitrary argument vectors: words separated by NUL; a word of the single byte 0x01 ends a
-// request (at most four per input, so a selection, a listing with its cache and a later command can meet). A one-byte
-// first word names a row of the plug-in's tables (user, then app). Every ".." becomes "._" and absolute paths go
-// below the drives root (a sandbox tmpfs); relative creations land in a scratch working folder. The batches,
-// downloads and ripping (threads, long children) are not run.
+// The run entry with arbitrary words (NUL separated; a word 0x01 ends a request, up to four per input). A one-byte
+// first word names a row of the tables. ".." becomes "._", absolute paths go below the drives root, relative ones to a
+// scratch folder. Batches, downloads and ripping are not run.
+#include <ftw.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,8 +33,20 @@ std::string confine(std::string word) {
 }
 
 int remove_below(const char *path, const struct stat *, int, struct FTW *at) noexcept {
-    if (at->level > 0) ::remove(path);  // the folder stays: it is the working folder
+    if (at->level > 0) ::remove(path);  // the folder itself stays
     return 0;
+}
+
+// Empties the drives root and makes a scratch drive: folders, files of several types, a disc folder, an empty file.
+void reset_drives() noexcept {
+    ::nftw(root.data(), remove_below, 16, FTW_DEPTH | FTW_PHYS);
+    const std::string d = std::string(root) + "/FUZZ_DRIVE-1";
+    for (const char *folder : {"", "/Music", "/Photos", "/Movies", "/Movies/DVD", "/Movies/DVD/VIDEO_TS", "/Empty", "/Sub"})
+        ::mkdir((d + folder).c_str(), 0755);
+    for (const char *file : {"/Music/01 - a.mp3", "/Music/10 - b.flac", "/Photos/p.png", "/Photos/p.jpg", "/Movies/clip 9.avi",
+                             "/Movies/clip 10.mkv", "/Movies/DVD/VIDEO_TS/VIDEO_TS.IFO", "/Sub/notes.txt", "/Movies/clip 10.srt"})
+        fuzz::write_file((d + file).c_str(), file, std::strlen(file));
+    fuzz::write_file((d + "/Sub/empty.bin").c_str(), "", 0);
 }
 
 void run_request(std::vector<std::string> &words) {
@@ -70,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 16384) return -1;
     ::nftw(work_folder, remove_below, 16, FTW_DEPTH | FTW_PHYS);
     for (const char *f : {"/tmp/fslist", "/tmp/usr_file_list", "/tmp/smb.out", "/tmp/fslist.lock"}) ::unlink(f);
-    fuzz::reset_drives();
+    reset_drives();
     for (const char *d : {"/opt/vtrhttpd/localhost.drives/NETWORK_SHARE", "/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/Public"})
         ::mkdir(d, 0755);
     fuzz::write_file("/opt/vtrhttpd/localhost.drives/NETWORK_SHARE/Public/song.mp3", "ID3", 3);

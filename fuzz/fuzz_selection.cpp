@@ -1,14 +1,12 @@
-// The selection file readers over arbitrary /tmp/fslist bytes: the record search for a path, the selected-record
-// count, the reader of the next record and the done flag it leaves behind. The first byte picks the path looked for;
-// the rest is the file.
+// The selection file readers over arbitrary bytes: search, count, reader and done flag. The first byte picks the
+// path and options; the rest is the file.
 #include <array>
 
 #include "fuzz/fuzz_common.h"
 #include "transfer/selection.h"
 
 namespace {
-// The done flag is written through a second descriptor on the selection file itself, so the input goes there (a tmpfs
-// of the sandbox).
+// The done flag is written through the selection file itself, so the input goes there (a sandbox tmpfs).
 constexpr const char *file = transfer::selection_file;
 constexpr std::array<const char *, 4> paths{"/opt/vtrhttpd/localhost.drives/A/b.txt", "b.txt", "", "|"};
 }  // namespace

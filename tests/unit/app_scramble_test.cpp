@@ -1,5 +1,4 @@
-// The identity file's password text against the one reference reader written here from the layout alone (identity
-// files already on users' drives must keep verifying), and our own reader's round trips.
+// Password texts against a reference reader written from the layout alone (old identity files must keep verifying).
 #include <random>
 #include <set>
 
@@ -8,8 +7,7 @@
 
 namespace {
 
-// Digit i of the id as the player computed it: true decimal digits up to position 8; position 9 is taken modulo 10^10
-// wrapped to 32 bits; 10 is 0.
+// Digit i of the id: decimal digits up to 8; digit 9 modulo 10^10 wrapped to 32 bits; 10 is 0.
 int reference_digit(int64_t id, int i) {
     int64_t p = 1;
     for (int k = 0; k < i && i <= 8; ++k) p *= 10;

@@ -1,5 +1,4 @@
-// The file index: every row of the folder-counting table, the sort orders, the drive-label order at the drives root,
-// exact names and the split of the client's path. (The count over a network answer is end-to-end.)
+// The file index: the folder-counting table, sort orders, drive-label order, exact names and path forms.
 #include <sys/time.h>
 
 #include <algorithm>
@@ -15,8 +14,7 @@ tu::answer index_of(const std::string &entry, const std::string &filter, const s
 }
 std::string place(const tu::answer &a) { return a.text("index") + "/" + a.text("total"); }
 
-// f/: a_plain/ (ordinary), b_bd/ (Blu-ray structure), c.avi, d.mp3, e.jpg, f.unknownext, and entries never counted:
-// .hidden/, $RECYCLE.BIN/, lost+found/, .dot.avi
+// f/: a_plain/, b_bd/ (a Blu-ray structure), c.avi, d.mp3, e.jpg, f.unknownext and entries never counted.
 struct FileIndex : ::testing::Test {
     std::unique_ptr<tu::drive_tree> tree;
     void SetUp() override {

@@ -1,5 +1,4 @@
-// The natural name order against the C library's version comparison, the comparators, the selection table and the
-// filters. (The search classification's order: search_test over a real tree.)
+// The natural name order against the C library's version comparison, the comparators, the sort selection, filters.
 #include <string.h>
 
 #include <random>
@@ -21,8 +20,7 @@ std::string lowered(std::string s) {
     return s;
 }
 
-// Names of letters (both cases), separators (":" follows "9") and digit runs with and without leading zeros: the
-// cases where the version order has states.
+// Letters, separators (":" follows "9") and digit runs with and without leading zeros: the version order's states.
 std::string random_name(std::mt19937 &rng) {
     std::string s;
     for (int p = static_cast<int>(rng() % 5); p >= 0; --p)
@@ -101,8 +99,6 @@ TEST(SelectionTable, Rows) {
         EXPECT_EQ(listing::select_sort(r.order, r.top, r.filter, r.keyword), r.want) << r.order << r.filter;
 }
 
-// The filter-word and disc-kind vocabularies are seen in the listing and search answers (end-to-end); here the rules
-// with logic in them.
 TEST(Filters, SystemFoldersMimeFiltersAndTypes) {
     for (auto [name, system] : {std::pair{"$Recycle.Bin", true}, {"RECYCLER", true}, {"lost+found", true},
                                 {"Lost+Found", false}, {"@eadir", false}, {"pvx_database2", false}})

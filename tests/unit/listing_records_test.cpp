@@ -1,5 +1,4 @@
-// Disc structure detection, the listing key and cache records byte by byte, the cache lookup, and the share list of a
-// local folder (paging counters, filters, sort). (Network answer files: end-to-end and fuzz_smb_answer.)
+// Disc detection, the cache records byte by byte, the cache lookup, and a local share list's paging, filters, sort.
 #include "listing/cache_records.h"
 #include "listing/list_command.h"
 #include "listing/share_list.h"
@@ -123,8 +122,7 @@ TEST_F(cache_fixture, MissDeletesALargeCache) {
     EXPECT_TRUE(lookup("G", &xml) == 2 && !tu::fs::exists(file));
 }
 
-// The share list of a local folder: names, totalFile, availableFolder and availableFile ("-" when left out), then the
-// result.
+// Names, totalFile, availableFolder, availableFile ("-" when left out), then the result.
 std::string share_list(const char *dir, uint64_t start, uint64_t count, bool folders, bool files, const char *filter,
                        int sort) {
     int result = -1;

@@ -1,5 +1,9 @@
-// The hash's 32-bit tail seek, the download's final-name rules and its ".gz" test. The hashes themselves are checked
-// end to end.
+// The hash's 32-bit tail seek, the download's final-name rules, its ".gz" test and the time limit of its child programs
+// (a wget held by a server that never finishes). The hashes themselves are checked end to end.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "base/spawn.h"
 #include "media/download.h"
 #include "media/hash.h"
 #include "test_util.h"
@@ -51,6 +55,19 @@ TEST(HasGzSuffix, LastDotStartsExactlyGz) {
         EXPECT_TRUE(media::has_gz_suffix(yes)) << yes;
     for (const char *no : {"a.gzip", "a.gz.txt", "gz", "", "a.gz?t=1", "agz"})
         EXPECT_FALSE(media::has_gz_suffix(no)) << no;
+}
+
+TEST(ChildTimeLimit, KillsAtTheLimitAndLetsQuickChildrenFinish) {
+    base::spawn_options limited;
+    limited.time_limit_seconds = 1;
+    const char *sleeper[] = {"sleep", "30", nullptr};
+    const auto start = std::chrono::steady_clock::now();
+    const int status = base::run_program(sleeper, limited);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    const char *quick[] = {"sh", "-c", "exit 3", nullptr};
+    EXPECT_EQ(base::exit_code_of(base::run_program(quick, limited)), 3);
 }
 
 }  // namespace

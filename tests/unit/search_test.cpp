@@ -1,6 +1,4 @@
-// The search command: the deep search's classification over a tree with hidden and system folders and disc
-// structures, kinds and filters, paging with counters that run to the end of the tree, the stale-handle result
-// through the walker's seam, the flat search, and its failures.
+// The search: deep classification, kinds and filters, paging and counters, the stale-handle result, the flat search.
 #include <algorithm>
 #include <cerrno>
 
@@ -21,9 +19,7 @@ tu::answer search(const std::string &path, const std::string &range, const std::
                     subfolders});
 }
 
-// movies/: "Movie Night/" (the keyword matches folders too), hidden and system folders (searched unless skipped), a
-// Blu-ray structure (a file "bd_rip"), a DVD structure without the keyword (not listed, searched), a name without a
-// MIME type (never listed without a filter), music.
+// movies/: a matching folder, hidden and system folders, a Blu-ray and a DVD structure, an unknown type, music.
 struct DeepSearch : ::testing::Test {
     std::unique_ptr<tu::drive_tree> tree;
     void SetUp() override {
@@ -66,8 +62,7 @@ TEST_F(DeepSearch, ClassificationKindsAndFilters) {
         {"false", "true", "music", "movie", {"MOVIE_song.mp3"}, false, true},  // disc structures are not music
         {"false", "true", "video", "movie",
          {"movie_a.avi", "movie_r.avi", "movie_x.avi", "BD_movie", "movie_in_dvd.mkv", "movie_extra.m2ts"}, false, true},
-        // no keyword: system folders are skipped with their contents; disc structures are files but their contents
-        // are searched
+        // no keyword: system folders skipped with their contents; disc structures' contents searched
         {"true", "false", "", "", {"Movie Night", "movie_recycled", "lost+found_movie", "BDMV"}, true, false},
     };
     for (const row &r : rows) {
@@ -100,10 +95,10 @@ TEST_F(DeepSearch, PagingFlatSearchAndFailures) {
     EXPECT_EQ(tu::run({"search_user_storage_file", "a", "0", "0", "true", "true", "true", "", ""}).result, 1);
 }
 
-// A folder that goes stale on the share while the tree is walked (an NFS server's answer; made here through the
-// walker's open seam): result 19, another open failure 4; what was appended before stays.
+// A folder going stale mid-walk (through the walker's open seam): 19, another open failure 4.
+thread_local int open_error;
 int failing_open(int dir_fd, const char *name) noexcept {
-    if (std::strcmp(name, "VIDEO_TS") == 0) return errno = std::getenv("FAIL_EIO") ? EIO : ESTALE, -1;
+    if (std::strcmp(name, "VIDEO_TS") == 0) return errno = open_error, -1;
     return ::openat(dir_fd, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
 }
 
@@ -112,13 +107,12 @@ TEST_F(DeepSearch, StaleHandleGives19) {
     ask.range = 99999;
     listing::walk_hooks hooks;
     hooks.open_folder = failing_open;
-    for (int32_t expected : {19, 4}) {
-        if (expected == 4) ::setenv("FAIL_EIO", "1", 1);
+    for (auto [error, expected] : {std::pair{ESTALE, 19}, {EIO, 4}}) {
+        open_error = error;
         tu::answer a;
         EXPECT_EQ(listing::deep_search(a.root, tree->at("movies").c_str(), ask, &hooks), expected);
         EXPECT_EQ(vtrsim::child_tags(a.root), std::vector<std::string>{"fileList"});
     }
-    ::unsetenv("FAIL_EIO");
 }
 
 }  // namespace

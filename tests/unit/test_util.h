@@ -1,5 +1,5 @@
-// Helpers of the unit tests: one request builder, answers as trees, files and folder trees and a framework-pipe
-// reader. Tests that use the fixed paths under /opt/vtrhttpd and /tmp skip outside tests/sandbox.sh.
+// Unit test helpers: requests, answers as trees, files, folder trees, a framework-pipe reader. Tests on the fixed
+// paths skip outside tests/sandbox.sh.
 #pragma once
 
 #include <fcntl.h>
@@ -52,8 +52,7 @@ inline void make_sparse(const std::string &path, long long size) {
     fs::resize_file(path, static_cast<std::uintmax_t>(size));
 }
 
-// A request holding the given words (argv[0] the sub-command): CommandArgs is a 32-bit count, then the pointers
-// (aligned as pointers).
+// A request holding the words: CommandArgs is a 32-bit count, then the pointers (aligned as pointers).
 struct request {
     std::vector<std::string> words;
     std::vector<char *> block;
@@ -116,8 +115,7 @@ struct drive_tree {
     void file(const std::string &rel, const std::string &text = "x") const { write_file(at(rel), text); }
 };
 
-// The framework pipe with a reader, as the player's user interface has one. wait_for(marker): every line read so far
-// (with its line feed), waiting up to 30 s for one holding marker.
+// The framework pipe with a reader. wait_for(marker): every line so far, waiting up to 30 s for one holding marker.
 struct event_pipe {
     static constexpr const char *path = "/tmp/vtr_framework_pipe";
     int fd = (::unlink(path), ::mkfifo(path, 0600), ::open(path, O_RDONLY | O_NONBLOCK));

@@ -1,7 +1,5 @@
-// Eight threads call the run entry at once with listings, searches, file indexes, information, reads, writes, hashes
-// and subtitle searches over one drive tree: every answer must equal the answer of the same request run alone. Built
-// with FILEOP_TSAN=ON (scripts/tsan.sh) this is the data-race check; FILEOP_THREAD_SECONDS sets how long the threads
-// run (default 2).
+// Eight threads run many commands at once over one tree: each answer must equal the same request's answer alone. With
+// FILEOP_TSAN=ON (scripts/tsan.sh) the data-race check; FILEOP_THREAD_SECONDS: how long (default 2).
 #include <ctime>
 
 #include "test_util.h"

@@ -1,7 +1,5 @@
-// The copy engine: report steps and points, the 4 GiB rule, refusals and
-// their events, tails and empty files, unique names, the folder walk and its
-// start events; the delete walk's error table. (The event line format is
-// transfer_progress_test; a write failing mid-copy, 29, is end-to-end.)
+// The copy engine: report steps and points, the 4 GiB rule, refusals, tails, unique names, the folder walk, the
+// delete walk's errors, the time-left estimate and the event lines' edge cases.
 #include <cerrno>
 #include <random>
 
@@ -9,6 +7,7 @@
 #include "transfer/batch.h"
 #include "transfer/delete.h"
 #include "transfer/engine.h"
+#include "transfer/progress.h"
 
 namespace {
 
@@ -83,11 +82,6 @@ TEST_F(Engine, ReportPointsTailsEmptyFilesAndRefusals) {
     EXPECT_EQ(copy("/empty", "/empty.out", e), 0);
     EXPECT_TRUE(tu::exists(work + "/empty.out"));
     EXPECT_EQ(e.item_done, 5);  // not touched, no event
-    tu::make_sparse(work + "/four", 4 * GiB);
-    auto f = progress_for(4 * GiB);
-    f.permission_kind = 2;
-    EXPECT_EQ(copy("/four", "/four.out", f), 4);
-    EXPECT_FALSE(tu::exists(work + "/four.out"));  // refused before anything is opened
     auto m = progress_for(10);
     EXPECT_EQ(copy("/missing", "/m.out", m), 4);
     EXPECT_EQ(copy("/tail", "/no/such/dir", m), 27);
@@ -95,7 +89,7 @@ TEST_F(Engine, ReportPointsTailsEmptyFilesAndRefusals) {
     for (const auto &l : pipe.wait_for("<status>27</status>"))
         seen += field(l, "filename") + ":" + field(l, "percent") + ":" + field(l, "status") + " ";
     EXPECT_EQ(seen, "forty:0:0 forty:40:0 forty:80:0 forty:100:0 twenty:0:0 twenty:1:0 twenty:2:0 twenty:3:0 "
-                    "twenty:100:0 tail:0:0 tail:100:0 four:0:4 missing:0:4 tail:0:27 ");
+                    "twenty:100:0 tail:0:0 tail:100:0 missing:0:4 tail:0:27 ");
 }
 
 TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
@@ -126,8 +120,7 @@ TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
     EXPECT_STREQ(source, (work + "/src/").c_str());  // restored, with its "/"
     EXPECT_EQ(tu::read_file(work + "/dst/src/sub/deeper/d.txt"), "dddd");
     EXPECT_EQ(tu::read_file(work + "/dst/src/.hidden"), "h");
-    // Walked from the last entry: files in reverse natural order, then the
-    // folders; only the first file sends its start event.
+    // From the last entry: files in reverse natural order, then folders; only the first file sends a start event.
     std::string order;
     for (const auto &l : pipe.wait_for("<filename>d.txt</filename>")) order += field(l, "filename") + " ";
     EXPECT_EQ(order, "b.txt b.txt a.txt .hidden c.txt d.txt ");
@@ -139,6 +132,43 @@ TEST_F(Engine, UniqueTargetNamesAndFolderTrees) {
     for (int level = 0; level < 65; ++level) tu::fs::create_directories(deep += "/d");
     std::strcpy(source, (work + "/deep").c_str()), std::strcpy(target, (work + "/deep.out").c_str());
     EXPECT_EQ(transfer::copy_folder_with_progress(source, target, p, 0, "", ""), 11);
+}
+
+TEST(TimeLeft, ThirtyTwoBitMicrosecondsAndCeiling) {
+    struct row { long start_s, start_us, now_s, now_us; long long done, total; int32_t expected; };
+    const row rows[] = {
+        {100, 0, 110, 0, 1, 2, 10}, {100, 0, 110, 0, 3, 4, 4},  // 10 s for half: 10 s left; 3.33 s rounds up
+        {100, 0, 110, 0, 4, 4, 0}, {100, 0, 110, 0, 0, 4, 0},   // done; nothing done yet
+        {100, 900000, 101, 100000, 1, 3, 1},   // 0.2 s * 2: rounds up to 1
+        {0, 0, 2147, 0, 1, 2, 2147},           // the last whole second before the wrap
+        {0, 0, 2148, 0, 1, 2, -140464757},     // wrapped: meaningless, but this exact value
+    };
+    for (const row &r : rows) {
+        timeval start{r.start_s, r.start_us}, now{r.now_s, r.now_us};
+        EXPECT_EQ(transfer::time_left_from(start, now, r.done, r.total), r.expected)
+            << r.now_s << " " << r.done << "/" << r.total;
+    }
+}
+
+// Whole lines are compared end to end; here clamped fields, an unknown kind, no pipe or no reader.
+TEST(TransferEvent, ClampsAndNoReader) {
+    {
+        tu::event_pipe pipe;
+        transfer::post_transfer_event(1, "b", "", "Disk", 2, 3, -5, -1, 0, base::from_host(12));
+        transfer::post_transfer_event(7, "", "", "", 0, 0, 100, 101, 0, base::from_host(4));
+        const auto lines = pipe.wait_for("<status>4</status>");
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(lines[0], "swf=<event>move_from_list</event><filename>b</filename><from></from><to>Disk</to><item>2</item>"
+                            "<total>3</total><percent>0</percent><whole>0</whole><time_left>0</time_left><status>12</status>\n");
+        EXPECT_EQ(lines[1].substr(0, 34), "swf=<event>copy_from_list</event><");
+    }
+    transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, base::from_host(0));
+    EXPECT_FALSE(tu::exists(tu::event_pipe::path));
+    ASSERT_EQ(::mkfifo(tu::event_pipe::path, 0600), 0);
+    auto before = std::chrono::steady_clock::now();
+    transfer::post_transfer_event(0, "x", "", "", 0, 0, 0, 0, 0, base::from_host(0));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(1));
+    ::unlink(tu::event_pipe::path);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The selection file: request sequences and the file they leave, the suffix rule of the search, the record reader and
-// the done flag.
+// The selection file: request sequences and the file they leave, the suffix rule, the reader and the done flag.
 #include "test_util.h"
 #include "transfer/selection.h"
 

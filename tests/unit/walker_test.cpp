@@ -1,6 +1,4 @@
-// The tree walker against the C library's nftw() on the same trees: the same entries in the same order with the same
-// kinds, levels and name offsets, the same answers to the callback's steering (stop, skip subtree), and the
-// open-folder seam's failures.
+// The tree walker against the C library's nftw(): the same visits, kinds, levels, offsets and steering; seam failures.
 #include <ftw.h>
 
 #include <cerrno>
@@ -98,8 +96,7 @@ TEST_F(WalkerTree, SameVisitsAsNftw) {
     EXPECT_EQ(expect_same_as_nftw(root).rc, FTW_STOP);
 }
 
-// A folder whose opening fails with a stale handle ends the walk with that error, and so does one that opens but
-// fails midway through its reading; a refused one is reported unreadable and the walk goes on.
+// A stale handle or a reading failing midway ends the walk; a refused folder is unreadable and the walk goes on.
 int failing_open(int dir_fd, const char *name) noexcept {
     const char *tail = std::strrchr(name, '/');
     tail = tail != nullptr ? tail + 1 : name;
