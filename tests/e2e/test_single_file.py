@@ -1,25 +1,13 @@
-"""The single-file commands through the reference host: the result code of each and the errno behind it. (Read spans,
-the errno table and translation limits: unit tables; hostile names: test_hardening.py.)"""
+"""The single-file commands' result codes and the errno behind each. (Read spans, errno table: unit; hostile names:
+test_hardening.py.)"""
 import os
 import shutil
 import socket
 import struct
-import subprocess
 
 import pytest
 
-from conftest import BUILD_DIR, OPT, PLUGIN, VTR_HOST, Host
-
-
-def mount(path, *options):
-    path.mkdir(parents=True, exist_ok=True)
-    subprocess.run(["mount", *options, str(path)], check=True)
-
-
-def read_only_bind(path):
-    mount(path, "--bind", str(path))
-    mount(path, "-o", "remount,bind,ro")
-
+from conftest import BUILD_DIR, OPT, PLUGIN, VTR_HOST, Host, mount
 
 def results(host, table):  # runs each (words, code) row in order; (words, result) of those that differ
     return [(w, r) for w, code in table for r in [host.run(*w).result] if r != code]
@@ -103,7 +91,7 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
     (drives / "HDD/mnt/f").write_bytes(b"")
     (drives / "RO/old").symlink_to(drives / "HDD/b.txt")  # passes the checks...
     (drives / "RO/new").symlink_to(drives / "HDD/probe")
-    read_only_bind(drives / "RO")  # ...then rename() meets EROFS
+    mount(drives / "RO", "ro")  # ...then rename() meets EROFS
     assert results(host, [
         (("create_user_storage_directory", "HDD/New"), 0), (("create_user_storage_directory", "HDD/New"), 52),
         (("create_user_storage_directory", "HDD/none/New"), 402), (("create_user_storage_directory", "HDD/dangling"), 52),
@@ -125,9 +113,7 @@ def test_errno_results_of_folders_rename_and_full_or_read_only_file_systems(host
     assert (drives / "RO/dir/f.txt").read_bytes() == b"keep" and (drives / "USB/x").is_dir()  # made before the check
 
 
-class OtherUserHost(Host):
-    """A host of its own as user 1001 without groups, from copies of the programs in a folder that user reaches."""
-
+class OtherUserHost(Host):  # as user 1001 without groups, from copies of the programs that user reaches
     def start(self):
         own = OPT / "user1001"
         own.mkdir(exist_ok=True)

@@ -1,15 +1,13 @@
-"""The selection list and the batch copy, move and delete commands through the reference host, with the progress event
-lines read from a real FIFO and compared whole; a host killed in the middle of a move (SIGKILL). (A batch never
-waits for a reader: transfer_progress_test.)"""
+"""The selection and the batch copy, move and delete commands, their event lines read from a real FIFO and compared
+whole; a host killed in the middle of a move."""
 import hashlib
 import os
 import re
-import subprocess
 from pathlib import Path
 
 import pytest
 
-from conftest import DRIVES
+from conftest import DRIVES, mount
 
 FSLIST = Path("/tmp/fslist")
 BATCH_LIST = Path("/tmp/fslist.batch")  # the list a running batch took
@@ -19,8 +17,7 @@ FIELDS = re.compile(r"<(\w+)>([^<]*)</\1>")
 
 
 @pytest.fixture
-def events(framework_pipe):
-    """The framework pipe's lines (with line feeds) from the last clear(); wait_end() up to the end event."""
+def events(framework_pipe):  # the pipe's lines (with line feeds) from the last clear(); wait_end(): to the end event
     p = framework_pipe
     p.skip = 0
     p.wait_text = lambda text: [l + "\n" for l in p.wait_for(lambda ls: any(text in l for l in ls[p.skip:]), 120)[p.skip:]]
@@ -29,8 +26,7 @@ def events(framework_pipe):
     return p
 
 
-def parse(lines):
-    """Each line's fields by name (numbers as int); a line must be nothing but its fields."""
+def parse(lines):  # each line's fields by name (numbers as int); a line must be nothing but its fields
     out = []
     for line in lines:
         fields = FIELDS.findall(line)
@@ -41,8 +37,7 @@ def parse(lines):
 
 
 @pytest.fixture
-def usb(drives):
-    """Two drives with display names."""
+def usb(drives):  # two drives with display names
     Path("/tmp/usb_name.txt").write_text("USB1|Stick\nUSB2|Disk\nTINY|Tiny\n")
     for d in ("USB1", "USB2"):
         (drives / d).mkdir()
@@ -60,11 +55,6 @@ def sparse(path, size):
 def make(path, content=b"c"):
     path.parent.mkdir(parents=True, exist_ok=True)
     path.write_bytes(content)
-
-
-def mount_tmpfs(path, size):
-    path.mkdir(parents=True, exist_ok=True)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", str(path)], check=True)
 
 
 def end_line(event, to, count, status):
@@ -93,7 +83,7 @@ def test_selection_records_and_refusals(host, usb, config):
     (src / "file").write_text("x")
     for words in ([""], [f"{src}/file"], [f"{src}/none"], ["smb://nas/none"]):  # refused before a thread starts
         assert [host.run(f"{c}_user_storage_file_from_list", *words).result for c in ("copy", "move")] == [8, 8]
-    mount_tmpfs(DRIVES / "RO", "1m,ro")
+    mount(DRIVES / "RO", "-t", "tmpfs", "-o", "size=1m,ro", "x")
     assert host.run("copy_user_storage_file_from_list", str(DRIVES / "RO")).result == 60
 
 
@@ -124,8 +114,8 @@ def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb,
 
 
 def test_move_renames_on_one_drive_and_copies_across(host, usb, events):
-    (src, _), other = usb, DRIVES / "USB2"
-    mount_tmpfs(other, "64m")
+    src, other = usb
+    mount(other, "-t", "tmpfs", "-o", "size=64m", "x")
     (src / "dst").mkdir()
     make(src / "m.avi", b"movie") or make(src / "tree" / "sub" / "f", b"1")
     select_paths(host, src / "m.avi")
@@ -142,7 +132,7 @@ def test_move_renames_on_one_drive_and_copies_across(host, usb, events):
 
 def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, config):
     (src, dst), tiny = usb, DRIVES / "TINY"
-    mount_tmpfs(tiny, "1m")
+    mount(tiny, "-t", "tmpfs", "-o", "size=1m", "x")
     sparse(src / "big", 2 * MiB)
     select_paths(fresh_host, src / "big")
     assert fresh_host.run("copy_user_storage_file_from_list", str(tiny)).result == 0
@@ -165,12 +155,9 @@ def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, conf
     assert not (dst / "four").exists() and (dst / "almost").exists()
 
 
-def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):
-    """SIGKILL in the middle of a move: sources stay whole, only the entry
-    in flight is partly written, its record still selected."""
-    src, _ = usb
-    other = DRIVES / "USB2"
-    mount_tmpfs(other, "2g")
+def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):  # only the entry in flight is partial
+    src, other = usb
+    mount(other, "-t", "tmpfs", "-o", "size=2g", "x")
     block = os.urandom(MiB)
     digests = {}
     for name, blocks in (("first", 8), ("second", 600), ("third", 8)):
