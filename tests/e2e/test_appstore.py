@@ -1,6 +1,5 @@
-"""Application storages through the reference host: the folder layout and its modes, the password check of every
-guarded command, the ten sub-commands' result codes, names confined to their storage, blanks in drive names, and
-the quota and read-only refusals. (The identity text is checked against a reference reader in the unit tests.)"""
+"""Application storages: layout and modes, the password check of every guarded command, the sub-commands' result
+codes, names confined to their storage, blanks in drive names, quota and read-only refusals."""
 import os
 import random
 import stat

@@ -1,5 +1,4 @@
-"""The plug-in frame through the reference host: the descriptor, dispatch refusals, released answer trees, and the
-exported and imported symbols. (The count rules' table: dispatch_test.)"""
+"""The plug-in frame: the descriptor, dispatch refusals, released answer trees, exported and imported symbols."""
 import os
 import shutil
 import subprocess

@@ -1,5 +1,5 @@
-"""Video hash, subtitle search, download status and downloads through the reference host, with a real HTTP server on
-loopback as the metadata server and doubles of wget and gunzip that record their argument vectors."""
+"""Video hash, subtitles, download status and downloads, with an HTTP server on loopback as the metadata server and
+doubles of wget and gunzip that record their argument vectors."""
 import gzip
 import http.server
 import os
@@ -20,8 +20,7 @@ BLOCK = 65536
 GIB = 1 << 30
 
 
-def words_from(path, offset):
-    """Sum of the whole little-endian words of at most 64 KiB from offset."""
+def words_from(path, offset):  # sum of the whole little-endian words of at most 64 KiB from offset
     with open(path, "rb") as f:
         f.seek(offset)
         data = f.read(BLOCK)
@@ -81,8 +80,7 @@ def test_subtitles(host, config):
 
 @pytest.fixture
 def server(config):
-    """A threaded HTTP server on loopback serving fixed bodies by full path (query included) and recording every
-    request; the metadata server."""
+    """The metadata server: fixed bodies by full path (query included), every request recorded."""
     files, requests = {"/vtrdb/main.php": b"ok"}, []
 
     class Handler(http.server.BaseHTTPRequestHandler):

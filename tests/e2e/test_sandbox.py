@@ -1,6 +1,4 @@
-"""The sandbox keeps the machine out of the hosts' reach: everything is
-read-only but the sandbox's own areas, home folders are hidden, the hosts
-work in a private folder and network addresses stay inside their share."""
+"""The sandbox keeps the machine out of the hosts' reach; network addresses stay inside their share."""
 import errno
 import os
 from pathlib import Path

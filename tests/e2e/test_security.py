@@ -1,5 +1,4 @@
-"""Hostile names, planted links, concurrent batches and the opt-in
-confinement of client paths to the drives root."""
+"""Hostile names, planted links, concurrent batches and the opt-in confinement of client paths to the drives root."""
 import shutil
 from pathlib import Path
 
@@ -28,6 +27,12 @@ def wait_ends(pipe, count=1):
     return pipe.wait_for(lambda ls: sum(END in l for l in ls) >= count, 60)
 
 
+def batch(host, pipe, selected, *words):  # selects one path and runs a batch to its end
+    assert host.run("select_user_storage_file_to_list", selected, "select").result == 0
+    assert host.run(*words).result == 0
+    wait_ends(pipe)
+
+
 @pytest.mark.parametrize("batch", [["delete_user_storage_file_from_list"],
                                    ["copy_user_storage_file_from_list", str(OUTSIDE / "dst")]])
 def test_line_breaks_never_forge_selection_records(host, usb, framework_pipe, batch):
@@ -38,8 +43,7 @@ def test_line_breaks_never_forge_selection_records(host, usb, framework_pipe, ba
     for name in (str(forged), f"{usb}/a\rb"):
         assert host.run("select_user_storage_file_to_list", name, "select").result == 8
     assert not FSLIST.exists()
-    # A damaged selection file with relative records (the host works in
-    # "/"): reported, skipped.
+    # A damaged selection file with relative records (the host works in "/"): reported, skipped.
     (usb / "go").write_text("g")
     FSLIST.write_text(f"1|L|opt/vtrhttpd/outside/victim\n1|Stick|{usb}/go\n")
     assert host.run(*batch).result == 0
@@ -86,9 +90,7 @@ def copy_folder_with_link(host, usb, pipe):
     (usb / "f" / "inside").symlink_to(OUTSIDE)
     (usb / "f" / "kept.txt").write_text("k")
     (usb / "dst").mkdir()
-    assert host.run("select_user_storage_file_to_list", f"{usb}/f", "select").result == 0
-    assert host.run("copy_user_storage_file_from_list", f"{usb}/dst").result == 0
-    wait_ends(pipe)
+    batch(host, pipe, f"{usb}/f", "copy_user_storage_file_from_list", f"{usb}/dst")
     assert sorted(p.name for p in (usb / "dst" / "f").iterdir()) == ["kept.txt"]
 
 
@@ -96,9 +98,7 @@ def copy_onto_dangling_link(host, usb, pipe):
     (usb / "a.txt").write_text("a")
     (usb / "dst").mkdir()
     (usb / "dst" / "a.txt").symlink_to(OUTSIDE / "made.txt")
-    assert host.run("select_user_storage_file_to_list", f"{usb}/a.txt", "select").result == 0
-    assert host.run("copy_user_storage_file_from_list", f"{usb}/dst").result == 0
-    wait_ends(pipe)
+    batch(host, pipe, f"{usb}/a.txt", "copy_user_storage_file_from_list", f"{usb}/dst")
     assert not (OUTSIDE / "made.txt").exists()
 
 
@@ -114,9 +114,7 @@ def write_through_link(host, usb, pipe):
 
 def delete_link_to_folder(host, usb, pipe):
     (usb / "l").symlink_to(OUTSIDE)
-    assert host.run("select_user_storage_file_to_list", f"{usb}/l", "select").result == 0
-    assert host.run("delete_user_storage_file_from_list").result == 0
-    wait_ends(pipe)
+    batch(host, pipe, f"{usb}/l", "delete_user_storage_file_from_list")
     assert not (usb / "l").is_symlink()
 
 

@@ -48,6 +48,12 @@ def select_paths(host, *paths):
     assert [host.run("select_user_storage_file_to_list", str(p), "select").result for p in paths] == [0] * len(paths)
 
 
+def batch(host, events, command, *words, select=()):  # selects, starts a batch and returns its lines to the end
+    select_paths(host, *select) or events.clear()
+    assert host.run(f"{command}_user_storage_file_from_list", *map(str, words)).result == 0
+    return events.wait_end()
+
+
 def sparse(path, size):
     open(path, "wb").truncate(size)
 
@@ -90,9 +96,7 @@ def test_selection_records_and_refusals(host, usb, config):
 def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb, events):
     src, dst = usb
     [make(f, c) for f, c in [*((src / n, b"z" * 3000) for n in "abc"), (dst / "a", b"old")]]
-    select_paths(host, *(src / n for n in "abc"))
-    assert host.run("copy_user_storage_file_from_list", str(dst)).result == 0
-    lines = events.wait_end()
+    lines = batch(host, events, "copy", dst, select=[src / n for n in "abc"])
     assert lines[0] == START_LINE and lines[-1] == end_line("copy", "Disk", 3, 0)
     assert [(e["filename"], e["item"], e["percent"], e["whole"]) for e in parse(lines)] == [
         ("", 0, 0, 0), ("a", 1, 0, 0), ("a", 1, 100, 33), ("b", 2, 0, 33), ("b", 2, 100, 66), ("c", 3, 0, 66),
@@ -107,9 +111,7 @@ def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb,
         ("", 0), ("a", 0), ("a", 0), ("b", 12), ("c", 0), ("c", 0), ("", 4)]
     assert not FSLIST.exists()  # the last entry succeeded
     (src / "f" / "inner").mkdir(parents=True)  # a folder into itself
-    select_paths(host, f"{src}/f") or events.clear()
-    assert host.run("copy_user_storage_file_from_list", f"{src}/f").result == 0
-    assert [e["status"] for e in parse(events.wait_end())] == [0, 11, 4]
+    assert [e["status"] for e in parse(batch(host, events, "copy", src / "f", select=[src / "f"]))] == [0, 11, 4]
     assert FSLIST.read_text() == f"1|Stick|{src}/f\n" and not (src / "f" / "f").exists()  # kept for another try
 
 
@@ -118,15 +120,11 @@ def test_move_renames_on_one_drive_and_copies_across(host, usb, events):
     mount(other, "-t", "tmpfs", "-o", "size=64m", "x")
     (src / "dst").mkdir()
     make(src / "m.avi", b"movie") or make(src / "tree" / "sub" / "f", b"1")
-    select_paths(host, src / "m.avi")
-    assert host.run("move_user_storage_file_from_list", f"{src}/dst").result == 0
-    assert [(e["event"], e["percent"], e["status"]) for e in parse(events.wait_end())] == [
+    moved = parse(batch(host, events, "move", src / "dst", select=[src / "m.avi"]))
+    assert [(e["event"], e["percent"], e["status"]) for e in moved] == [
         ("move_from_list", 0, 0), ("move_from_list", 0, 0), ("move_from_list", 100, 0), ("move_from_list", 100, 0)]
     assert not (src / "m.avi").exists() and (src / "dst" / "m.avi").read_bytes() == b"movie"
-    events.clear()
-    select_paths(host, src / "tree")
-    assert host.run("move_user_storage_file_from_list", str(other)).result == 0
-    assert parse(events.wait_end())[-1]["status"] == 0
+    assert parse(batch(host, events, "move", other, select=[src / "tree"]))[-1]["status"] == 0
     assert (other / "tree" / "sub" / "f").read_text() == "1" and (other / "tree").stat().st_uid == 1001 and not (src / "tree").exists()
 
 
@@ -134,15 +132,11 @@ def test_free_space_full_device_and_the_4_gib_rule(fresh_host, usb, events, conf
     (src, dst), tiny = usb, DRIVES / "TINY"
     mount(tiny, "-t", "tmpfs", "-o", "size=1m", "x")
     sparse(src / "big", 2 * MiB)
-    select_paths(fresh_host, src / "big")
-    assert fresh_host.run("copy_user_storage_file_from_list", str(tiny)).result == 0
-    lines = events.wait_end()
+    lines = batch(fresh_host, events, "copy", tiny, select=[src / "big"])
     assert [e["status"] for e in parse(lines)] == [0, 22, 4] and lines[-1] == end_line("copy", "Tiny", 1, 4)
     FSLIST.unlink()
     [make(src / "many" / f"f{i}") for i in range(300)]  # the counted bytes fit, the pages do not: ENOSPC while writing
-    select_paths(fresh_host, src / "many") or events.clear()
-    assert fresh_host.run("copy_user_storage_file_from_list", str(tiny)).result == 0
-    assert [e["status"] for e in parse(events.wait_end())][-2:] == [29, 4]
+    assert [e["status"] for e in parse(batch(fresh_host, events, "copy", tiny, select=[src / "many"]))][-2:] == [29, 4]
     config["vtrsim_fat_paths"] = str(dst)  # 4 GiB refused before anything is opened; 4 GiB - 1 starts
     sparse(src / "four", 4 * GiB) or sparse(src / "almost", 4 * GiB - 1)
     for name in ("four", "almost"):
