@@ -27,7 +27,7 @@ def wait_ends(pipe, count=1):
     return pipe.wait_for(lambda ls: sum(END in l for l in ls) >= count, 60)
 
 
-def batch(host, pipe, selected, *words):  # selects one path and runs a batch to its end
+def run_batch(host, pipe, selected, *words):  # selects one path and runs a batch to its end
     assert host.run("select_user_storage_file_to_list", selected, "select").result == 0
     assert host.run(*words).result == 0
     wait_ends(pipe)
@@ -90,7 +90,7 @@ def copy_folder_with_link(host, usb, pipe):
     (usb / "f" / "inside").symlink_to(OUTSIDE)
     (usb / "f" / "kept.txt").write_text("k")
     (usb / "dst").mkdir()
-    batch(host, pipe, f"{usb}/f", "copy_user_storage_file_from_list", f"{usb}/dst")
+    run_batch(host, pipe, f"{usb}/f", "copy_user_storage_file_from_list", f"{usb}/dst")
     assert sorted(p.name for p in (usb / "dst" / "f").iterdir()) == ["kept.txt"]
 
 
@@ -98,7 +98,7 @@ def copy_onto_dangling_link(host, usb, pipe):
     (usb / "a.txt").write_text("a")
     (usb / "dst").mkdir()
     (usb / "dst" / "a.txt").symlink_to(OUTSIDE / "made.txt")
-    batch(host, pipe, f"{usb}/a.txt", "copy_user_storage_file_from_list", f"{usb}/dst")
+    run_batch(host, pipe, f"{usb}/a.txt", "copy_user_storage_file_from_list", f"{usb}/dst")
     assert not (OUTSIDE / "made.txt").exists()
 
 
@@ -114,7 +114,7 @@ def write_through_link(host, usb, pipe):
 
 def delete_link_to_folder(host, usb, pipe):
     (usb / "l").symlink_to(OUTSIDE)
-    batch(host, pipe, f"{usb}/l", "delete_user_storage_file_from_list")
+    run_batch(host, pipe, f"{usb}/l", "delete_user_storage_file_from_list")
     assert not (usb / "l").is_symlink()
 
 
