@@ -210,13 +210,13 @@ def run_cli(drives, config):  # run_cli(*args, options=()): `vtr-host [OPTIONS] 
 
 
 @pytest.fixture
-def framework_pipe(drives):
-    """/tmp/vtr_framework_pipe read as the player's interface does (read-write: no end of file); wait_for(predicate
-    (lines), timeout) returns the lines."""
+def events(drives):
+    """/tmp/vtr_framework_pipe read as the player's interface does (read-write: no end of file): wait_text(text) gives
+    the lines (with line feeds) from the last clear() to the first holding text; wait_end() to the end event."""
     path = "/tmp/vtr_framework_pipe"
     os.mkfifo(path, 0o666)
     fd = os.open(path, os.O_RDWR | os.O_NONBLOCK)
-    p = types.SimpleNamespace(lines=[], stop=False, cond=threading.Condition())
+    p = types.SimpleNamespace(lines=[], skip=0, stop=False, cond=threading.Condition())
 
     def reader(partial=b""):
         while not p.stop:
@@ -226,12 +226,14 @@ def framework_pipe(drives):
                     p.lines.extend(d.decode("latin-1") for d in done)
                     p.cond.notify_all()
 
-    def wait_for(predicate, timeout=60):
+    def wait_text(text):
         with p.cond:
-            assert p.cond.wait_for(lambda: predicate(p.lines), timeout), f"framework pipe: no match in {p.lines}"
-            return list(p.lines)
+            assert p.cond.wait_for(lambda: any(text in l for l in p.lines[p.skip:]), 120), f"no {text} in {p.lines}"
+            lines = [l + "\n" for l in p.lines[p.skip:]]
+        return lines[:next(i for i, l in enumerate(lines) if text in l) + 1]
 
-    p.wait_for, thread = wait_for, threading.Thread(target=reader, daemon=True)
+    p.wait_text, p.wait_end, p.clear = wait_text, lambda: wait_text("<whole>101<"), lambda: setattr(p, "skip", len(p.lines))
+    thread = threading.Thread(target=reader, daemon=True)
     thread.start()
     yield p
     p.stop = True

@@ -11,7 +11,7 @@ import pytest
 
 from conftest import CROSS, mount
 from test_appstore import DRIVE, create, storage_dir
-from test_transfer import events, select_paths  # noqa: F401 (a fixture)
+from test_transfer import select_paths
 
 pytestmark = pytest.mark.skipif(CROSS, reason="strace follows the emulator, not the player's calls")
 

@@ -16,16 +16,6 @@ MiB, GiB = 1 << 20, 1 << 30
 FIELDS = re.compile(r"<(\w+)>([^<]*)</\1>")
 
 
-@pytest.fixture
-def events(framework_pipe):  # the pipe's lines (with line feeds) from the last clear(); wait_end(): to the end event
-    p = framework_pipe
-    p.skip = 0
-    p.wait_text = lambda text: [l + "\n" for l in p.wait_for(lambda ls: any(text in l for l in ls[p.skip:]), 120)[p.skip:]]
-    p.wait_end = lambda: (lambda ls: ls[:next(i for i, l in enumerate(ls) if "<whole>101<" in l) + 1])(p.wait_text("<whole>101<"))
-    p.clear = lambda: setattr(p, "skip", len(p.lines))
-    return p
-
-
 def parse(lines):  # each line's fields by name (numbers as int); a line must be nothing but its fields
     out = []
     for line in lines:
@@ -63,9 +53,9 @@ def make(path, content=b"c"):
     path.write_bytes(content)
 
 
-def end_line(event, to, count, status):
-    return (f"swf=<event>{event}_from_list</event><filename></filename><from></from><to>{to}</to>"
-            f"<item>{count}</item><total>{count}</total><percent>100</percent><whole>101</whole>"
+def copy_line(to, count, status, percent=100, whole=101):  # a batch's start or end line
+    return (f"swf=<event>copy_from_list</event><filename></filename><from></from><to>{to}</to>"
+            f"<item>{count}</item><total>{count}</total><percent>{percent}</percent><whole>{whole}</whole>"
             f"<time_left>0</time_left><status>{status}</status>\n")
 
 
@@ -74,9 +64,6 @@ def delete_line(name, frm, item, total, whole, status=0):
             f"<item>{item}</item><total>{total}</total><whole>{whole}</whole><status>{status}</status>\n")
 
 
-START_LINE = ("swf=<event>copy_from_list</event><filename></filename><from></from><to>Disk</to>"
-              "<item>0</item><total>0</total><percent>0</percent><whole>0</whole>"
-              "<time_left>0</time_left><status>0</status>\n")
 
 
 def test_selection_records_and_refusals(host, usb, config):
@@ -97,7 +84,7 @@ def test_three_entries_each_a_third_unique_names_and_vanished_entries(host, usb,
     src, dst = usb
     [make(f, c) for f, c in [*((src / n, b"z" * 3000) for n in "abc"), (dst / "a", b"old")]]
     lines = batch(host, events, "copy", dst, select=[src / n for n in "abc"])
-    assert lines[0] == START_LINE and lines[-1] == end_line("copy", "Disk", 3, 0)
+    assert lines[0] == copy_line("Disk", 0, 0, 0, 0) and lines[-1] == copy_line("Disk", 3, 0)
     assert [(e["filename"], e["item"], e["percent"], e["whole"]) for e in parse(lines)] == [
         ("", 0, 0, 0), ("a", 1, 0, 0), ("a", 1, 100, 33), ("b", 2, 0, 33), ("b", 2, 100, 66), ("c", 3, 0, 66),
         ("c", 3, 100, 100), ("", 3, 100, 101)]
@@ -133,7 +120,7 @@ def test_free_space_full_device_and_the_4_gib_rule(host, usb, events, config):
     mount(tiny, "-t", "tmpfs", "-o", "size=1m", "x")
     sparse(src / "big", 2 * MiB)
     lines = batch(host, events, "copy", tiny, select=[src / "big"])
-    assert [e["status"] for e in parse(lines)] == [0, 22, 4] and lines[-1] == end_line("copy", "Tiny", 1, 4)
+    assert [e["status"] for e in parse(lines)] == [0, 22, 4] and lines[-1] == copy_line("Tiny", 1, 4)
     FSLIST.unlink()
     [make(src / "many" / f"f{i}") for i in range(300)]  # the counted bytes fit, the pages do not: ENOSPC while writing
     assert [e["status"] for e in parse(batch(host, events, "copy", tiny, select=[src / "many"]))][-2:] == [29, 4]
@@ -151,8 +138,7 @@ def test_killed_host_leaves_every_source_intact(fresh_host, usb, events):  # onl
     digests = {}
     for name, blocks in (("first", 8), ("second", 600), ("third", 8)):
         with open(src / name, "wb") as f:
-            for _ in range(blocks):
-                f.write(block)
+            f.writelines([block] * blocks)
         digests[name] = hashlib.sha256((src / name).read_bytes()).hexdigest()
     select_paths(fresh_host, *(src / n for n in digests))
     assert fresh_host.run("move_user_storage_file_from_list", str(other)).result == 0
