@@ -37,10 +37,3 @@ def test_only_listed_names_are_exported_and_host_functions_stay_imported():
     assert {"VANTOR_COMMAND_SERVER_func_create_command_file_operation_descriptor",
             "VANTOR_COMMAND_SERVER_func_run_command_file_operation"} <= defined <= allowed
     assert {"vtr_get_smb_nfs_network_url", "get_partition_free_space", "isfileexist", "filereadline"} <= undefined
-
-
-@pytest.mark.cross_only
-def test_cross_build_is_mips32_little_endian():
-    for path in (PLUGIN, VTR_HOST):
-        out = subprocess.run(["file", "-L", str(path)], capture_output=True, text=True).stdout
-        assert "ELF 32-bit LSB" in out and "MIPS" in out, out

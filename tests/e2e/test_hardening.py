@@ -121,8 +121,6 @@ def test_hostile_paths_and_names(host, drives, fake_bin, row):
     assert host.stats()["orphan_nodes"] == 0
 
 
-# ---------------------------------------------------------------- damaged state files
-
 def test_damaged_state_files(host, drives):
     # Any content: a damaged cache never stands in for a real listing. (Selection and network answers: fuzz targets.)
     drive = _prepare(drives)
@@ -149,8 +147,6 @@ def test_damaged_state_files(host, drives):
             assert (folder / "f.txt").exists()
     assert host.stats()["orphan_nodes"] == 0
 
-
-# ---------------------------------------------------------------- long run
 
 def test_long_run_memory_and_descriptors(fresh_host, drives):
     # VTR_LONG_RUN_REQUESTS (20000) requests after a warm-up: less than 1 MiB more resident memory, as many descriptors.

@@ -27,8 +27,7 @@ def words_from(path, offset):  # sum of the whole little-endian words of at most
 
 
 def test_hash(host, config):
-    # The tail: a signed 32-bit seek to the low 32 bits of the size less 65536; a failed one leaves the stream where
-    # the head ended. (The seek rule's table is a unit test.)
+    # The tail: a signed 32-bit seek to (size - 65536) mod 2^32; a failed one reads on after the head (table: unit).
     path = DRIVES / "film.bin"
     for size in [7, 100000, 2 * GIB + 100, 4 * GIB + 12345]:  # partial words are ignored
         rnd = random.Random(size)

@@ -33,10 +33,8 @@ def doubles(fake_bin, drives):
     shutil.rmtree(LOG, True)
     for name in ("cdparanoia", "cdeject"):
         make_fake(fake_bin, name, DOUBLE)
-    (drives / "USB").mkdir()
-    yield drives
-    for p in [STATUS, KILL, *OTHER_FILES]:
-        p.unlink(missing_ok=True)
+    (drives / "USB").mkdir()  # the drives fixture removed the state files in /tmp
+    return drives
 
 
 ROOT = str(DRIVES)

@@ -67,7 +67,6 @@ def delete_line(name, frm, item, total, whole, status=0):
 
 
 def test_selection_records_and_refusals(host, usb, config):
-    # The request sequences and the suffix rule: the unit table; here a network record and the batches' refusals.
     src, _ = usb
     config.share(0, "Films", "smb://nas/films")
     assert host.run("select_user_storage_file_to_list", "smb://nas/films//x//y.mkv", "select").result == 0
