@@ -88,8 +88,7 @@ class Host:  # a `vtr-host serve-stdio` process: one request per line, answers i
                 raise HostError(f"vtr-host died (exit {self.proc.wait()}) on {line}")
             return json.loads(out)
 
-    def run(self, *args, timeout=TIMEOUT):
-        """run("list_user_storage_file", "USB", ...) -> (result, tree); arguments str or bytes (each byte a code point)."""
+    def run(self, *args, timeout=TIMEOUT):  # -> (result, tree); arguments str or bytes (each byte a code point)
         obj = self.request_line(json.dumps([(a.encode() if isinstance(a, str) else a).decode("latin-1") for a in args]),
                                 timeout)
         if "error" in obj:
