@@ -140,11 +140,9 @@ def test_damaged_state_files(host, drives):
     identity = folder / f".id_{app_id}"
     for content in [b"", b"a", b"\0" * 300, os.urandom(300), b"f" * 5000, identity.read_bytes()[:3]]:
         identity.write_bytes(content)
-        for args in (("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"),
-                     ("delete_app_storage", DRIVE, app_id, "pw"),
-                     ("change_app_storage_password", DRIVE, app_id, "pw", "new", "new")):
-            assert host.run(*args).result == 1, (content[:20], args[0])  # verifies no password: the storage stays
-            assert (folder / "f.txt").exists()
+        runs = [host.run(*args).result for args in (("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"),
+                ("delete_app_storage", DRIVE, app_id, "pw"), ("change_app_storage_password", DRIVE, app_id, "pw", "new", "new"))]
+        assert runs == [1, 1, 1] and (folder / "f.txt").exists(), content[:20]  # verifies no password: the storage stays
     assert host.stats()["orphan_nodes"] == 0
 
 
