@@ -66,7 +66,6 @@ def own(*folders):  # the request's own targets: in each folder the name's first
 BOX, OUT, NONE, APPS = DRIVE + "/Box/", DRIVE + "/Out/", own(), lambda n: [b".vtr_apps"]
 # (sub-command, build(client path, hostile name, app id) -> arguments, own targets(hostile name))
 ROWS = [
-    ("list_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", ""], NONE),
     ("list_user_storage_file", lambda p, n, i: [p, "0", "5", "true", "true", "true", "", "name_asc", "true"], NONE),
     ("search_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", "", n, "true"], NONE),
     ("search_user_storage_file", lambda p, n, i: [DRIVE, "0", "0", "true", "true", "true", "", n, "true"], NONE),
