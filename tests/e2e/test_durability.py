@@ -35,9 +35,7 @@ class Trace:  # strace -f on a running host; calls(): (start line, line of the r
         self.proc.wait()
         pending, calls = {}, []
         for i, raw in enumerate(self.out.read_text().splitlines()):
-            pid, text = LINE.match(raw).groups()
-            if text.startswith(("---", "+++")):
-                continue
+            pid, text = LINE.match(raw).groups()  # (no signal lines; exit lines hold no call)
             if text.endswith("<unfinished ...>"):
                 pending[pid] = (i, text[:-len("<unfinished ...>")])
             elif text.startswith("<..."):
