@@ -1,5 +1,4 @@
-// The console in headless Chromium: list the drives, open one, select a file,
-// copy it to another drive and watch the progress reach 100%.
+// The console in headless Chromium: open a drive, select a file, copy it to another drive, see 100%.
 //   node console_test.mjs URL SOURCE_DRIVE FILE DEST_DRIVE    (exit 0 on success)
 import { chromium } from "playwright-core";
 

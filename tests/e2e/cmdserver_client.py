@@ -17,8 +17,7 @@ LISTEN_RE = re.compile(rb"listening on http://(127\.0\.0\.1|\[::1\]):(\d+)/")
 MARK = {"X-Vtr-Request": "1"}  # what the console sends with every request
 
 
-def target(command, *args, group="file_operation"):
-    """The request target; args are str or bytes, each one percent-encoded parameter."""
+def target(command, *args, group="file_operation"):  # args: str or bytes, each one percent-encoded parameter
     q = "&".join(f"a{i + 1}=" + urllib.parse.quote(a.encode() if isinstance(a, str) else a, safe="")
                  for i, a in enumerate(args))
     return f"/{group}/{urllib.parse.quote(command)}" + (f"?{q}" if args else "")
@@ -65,8 +64,7 @@ class Server:
     def call(self, command, *args, **kw):
         return self.get(target(command, *args), **kw)
 
-    def raw(self, data):
-        """Sends bytes as they are; the status line of the answer, b"" when the connection was closed."""
+    def raw(self, data):  # sends bytes as they are; the answer's status line, b"" when the connection was closed
         with socket.create_connection((self.address, self.port), timeout=30) as s, contextlib.suppress(OSError):
             s.sendall(data)
             return s.makefile("rb").readline().rstrip()
@@ -84,8 +82,7 @@ class EventStream:   # a client of /events reading one event at a time
         self.conn.request("GET", "/events", headers=headers or {})
         self.resp = self.conn.getresponse()
 
-    def next_event(self):
-        """(id, data) of the next event; the retry field and up to 3 keep-alive comments are skipped."""
+    def next_event(self):  # (id, data) of the next event, skipping the retry field and up to 3 keep-alive comments
         fields, comments = {}, 0
         while comments < 4:
             line = self.resp.readline()

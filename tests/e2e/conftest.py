@@ -1,6 +1,5 @@
-"""Fixtures of the end-to-end suite (run inside tests/sandbox.sh). Environment: VTR_BUILD_DIR (vtr-host, plug-in,
-libvtrsim.so), VTR_EMULATOR (prefix for a cross-built vtr-host), VTR_TOOLS_DIR (the native netfs_client),
-VTR_HOST_WRAPPER (prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
+"""End-to-end fixtures (inside tests/sandbox.sh). VTR_BUILD_DIR, VTR_TOOLS_DIR (native netfs_client), VTR_EMULATOR
+(cross prefix), VTR_HOST_WRAPPER (prefix for every vtr-host, e.g. valgrind; exit 99 fails the test)."""
 import json
 import os
 import select
@@ -42,9 +41,7 @@ def _inside_sandbox():
         pytest.exit(f"run inside tests/sandbox.sh with {VTR_HOST} built (VTR_BUILD_DIR)", returncode=2)
 
 
-class Node:
-    """One element of an answer: tag (str), text (bytes), children."""
-
+class Node:  # one element of an answer: tag (str), text (bytes), children
     def __init__(self, obj):
         self.tag, self.text = obj["tag"].encode("latin-1").decode("utf-8", "replace"), obj["text"].encode("latin-1")
         self.children = [Node(c) for c in obj["children"]]
@@ -65,9 +62,7 @@ def host_env(extra=None):
     return {**env, **(extra or {})}
 
 
-class Host:
-    """A `vtr-host serve-stdio` process: one request per line, answers in order."""
-
+class Host:  # a `vtr-host serve-stdio` process: one request per line, answers in order
     def __init__(self, env=None, plugin=None, cwd="/"):
         self.cmd = [*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *(["--plugin", str(plugin)] if plugin else []), "serve-stdio"]
         self.env, self.cwd, self.lock = env, str(cwd), threading.Lock()
@@ -79,8 +74,7 @@ class Host:
 
     alive = lambda self: self.proc.poll() is None  # noqa: E731
 
-    def request_line(self, line, timeout=TIMEOUT):
-        """Sends one raw protocol line, returns the parsed answer line; kills a host that does not answer."""
+    def request_line(self, line, timeout=TIMEOUT):  # one raw protocol line -> the parsed answer line
         with self.lock:
             if not self.alive():
                 raise HostError(f"vtr-host is not running (exit {self.proc.returncode})")
@@ -94,8 +88,7 @@ class Host:
                 raise HostError(f"vtr-host died (exit {self.proc.wait()}) on {line}")
             return json.loads(out)
 
-    def run(self, *args, timeout=TIMEOUT):
-        """run("list_user_storage_file", "USB", ...) -> (result, tree); arguments str or bytes (each byte a code point)."""
+    def run(self, *args, timeout=TIMEOUT):  # -> (result, tree); arguments str or bytes (each byte a code point)
         obj = self.request_line(json.dumps([(a.encode() if isinstance(a, str) else a).decode("latin-1") for a in args]),
                                 timeout)
         if "error" in obj:
@@ -117,17 +110,14 @@ class Host:
             raise HostError(f"{HOST_WRAPPER[0]} reported errors in vtr-host (exit 99)")
 
 
-def _empty_folder(path):
+def _empty_folder(path):  # (the drives fixture undoes the mounts below the drives root first)
     path.mkdir(parents=True, exist_ok=True)
     for child in path.iterdir():
-        if child.is_mount():
-            subprocess.run(["umount", "-l", str(child)], check=False)
         shutil.rmtree(child, True) if child.is_dir() and not child.is_symlink() else child.unlink(missing_ok=True)
 
 
 @pytest.fixture
-def drives():
-    """The drives root, emptied (mounts below it undone), the /tmp state files removed and netfs_client installed."""
+def drives():  # the drives root emptied (mounts undone), the /tmp state files removed, netfs_client installed
     with open("/proc/self/mounts") as f:
         points = [line.split()[1].encode().decode("unicode_escape") for line in f]
     for mp in sorted((p for p in points if p.startswith(f"{DRIVES}/")), key=len, reverse=True):
@@ -142,9 +132,7 @@ def drives():
     yield DRIVES
 
 
-class Config(dict):
-    """The host's configuration file, rewritten in one step on every change (the host re-reads it on each lookup).
-    share(n, name, url) also makes the share's folder under NETWORK_SHARE and returns it."""
+class Config(dict):  # the host's configuration file, replaced whole on every change (re-read on each lookup)
     path = OPT / "default" / "vtr.conf"
 
     def update(self, *args, **kwargs):
@@ -154,7 +142,7 @@ class Config(dict):
 
     __setitem__ = lambda self, key, value: self.update({key: value})  # noqa: E731
 
-    def share(self, n, name, url):
+    def share(self, n, name, url):  # also makes and returns the share's folder
         self.update({f"netfs_name{n}": name, f"netfs_url{n}": url})
         (DRIVES / "NETWORK_SHARE" / name).mkdir(parents=True, exist_ok=True)
         return DRIVES / "NETWORK_SHARE" / name
@@ -168,8 +156,7 @@ def config():
 
 
 @pytest.fixture
-def fake_bin():
-    """A folder at the front of every host process's PATH, emptied per test."""
+def fake_bin():  # at the front of every host's PATH, emptied per test
     _empty_folder(FAKE_BIN)
     yield FAKE_BIN
     _empty_folder(FAKE_BIN)
@@ -178,6 +165,12 @@ def fake_bin():
 def make_fake(folder, name, script):  # an executable shell script double in folder
     (Path(folder) / name).write_text("#!/bin/sh\n" + script)
     (Path(folder) / name).chmod(0o755)
+
+
+def mount(path, *options):  # mount(path, "-t", "tmpfs", "-o", "size=1m", "x"); "ro": a read-only bind of path itself
+    path.mkdir(parents=True, exist_ok=True)
+    for args in ([["--bind", path], ["-o", "remount,bind,ro"]] if options == ("ro",) else [options]):
+        subprocess.run(["mount", *map(str, args), str(path)], check=True)
 
 
 @pytest.fixture(scope="session")
@@ -189,8 +182,7 @@ def _host_process():
 
 
 @pytest.fixture
-def host(_host_process, drives, config):
-    """The session's host (its start-up is paid once), restarted after a crash."""
+def host(_host_process, drives, config):  # the session's host, restarted after a crash
     if not _host_process.alive():
         _host_process.close()
         _host_process.start()
@@ -198,8 +190,7 @@ def host(_host_process, drives, config):
 
 
 @pytest.fixture
-def make_host(drives, config):
-    """Factory for extra host processes: make_host(env={...}, plugin=path, cwd=dir)."""
+def make_host(drives, config):  # make_host(env={...}, plugin=path, cwd=dir): an extra host process
     made = []
     yield lambda env=None, plugin=None, cwd="/": made.append(Host(env, plugin, cwd)) or made[-1]
     for h in made:
@@ -210,20 +201,19 @@ fresh_host = pytest.fixture(lambda make_host: make_host())
 
 
 @pytest.fixture
-def run_cli(drives, config):
-    """run_cli(*args, options=()): `vtr-host [OPTIONS] run ARGS` as a CompletedProcess."""
+def run_cli(drives, config):  # run_cli(*args, options=()): `vtr-host [OPTIONS] run ARGS`, completed
     return lambda *args, options=(): subprocess.run([*HOST_WRAPPER, *EMULATOR, str(VTR_HOST), *options, "run", *args],
                                                     capture_output=True, env=host_env(), cwd="/", timeout=120)
 
 
 @pytest.fixture
-def framework_pipe(drives):
-    """Reader of /tmp/vtr_framework_pipe as the player's user interface: opened read-write (never an end of file),
-    lines collected by a thread; wait_for(predicate(lines), timeout) returns the lines."""
+def events(drives):
+    """/tmp/vtr_framework_pipe read as the player's interface does (read-write: no end of file): wait_text(text) gives
+    the lines (with line feeds) from the last clear() to the first holding text; wait_end() to the end event."""
     path = "/tmp/vtr_framework_pipe"
     os.mkfifo(path, 0o666)
     fd = os.open(path, os.O_RDWR | os.O_NONBLOCK)
-    p = types.SimpleNamespace(lines=[], stop=False, cond=threading.Condition())
+    p = types.SimpleNamespace(lines=[], skip=0, stop=False, cond=threading.Condition())
 
     def reader(partial=b""):
         while not p.stop:
@@ -233,12 +223,14 @@ def framework_pipe(drives):
                     p.lines.extend(d.decode("latin-1") for d in done)
                     p.cond.notify_all()
 
-    def wait_for(predicate, timeout=60):
+    def wait_text(text):
         with p.cond:
-            assert p.cond.wait_for(lambda: predicate(p.lines), timeout), f"framework pipe: no match in {p.lines}"
-            return list(p.lines)
+            assert p.cond.wait_for(lambda: any(text in l for l in p.lines[p.skip:]), 120), f"no {text} in {p.lines}"
+            lines = [l + "\n" for l in p.lines[p.skip:]]
+        return lines[:next(i for i, l in enumerate(lines) if text in l) + 1]
 
-    p.wait_for, thread = wait_for, threading.Thread(target=reader, daemon=True)
+    p.wait_text, p.wait_end, p.clear = wait_text, lambda: wait_text("<whole>101<"), lambda: setattr(p, "skip", len(p.lines))
+    thread = threading.Thread(target=reader, daemon=True)
     thread.start()
     yield p
     p.stop = True

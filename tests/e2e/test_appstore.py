@@ -1,12 +1,10 @@
-"""Application storages through the reference host: the folder layout and its modes, the password check of every
-guarded command, the ten sub-commands' result codes, names confined to their storage, blanks in drive names, and
-the quota and read-only refusals. (The identity text is checked against a reference reader in the unit tests.)"""
+"""Application storages: layout and modes, the password check of every guarded command, the sub-commands' result
+codes, names confined to their storage, blanks in drive names, quota and read-only refusals."""
 import os
 import random
 import stat
-import subprocess
 
-from conftest import DRIVES
+from conftest import DRIVES, mount
 
 DRIVE = "USB_A"
 
@@ -60,13 +58,10 @@ def test_guarded_commands_file_commands_and_confinement(host, drives):
                ("create_app_storage_file", "f.txt", []), ("write_app_storage_file", "f.txt", ["false", "x", "0"]),
                ("read_app_storage_file", "f.txt", ["0", "0"]), ("get_app_storage_file_info", "f.txt", []),
                ("copy_app_storage_file", "f.txt", [DRIVE]), ("delete_app_storage_file", "f.txt", [])]
-    for name, file, rest in guarded:
+    for name, file, rest in guarded:  # and a file command with all right but its file: 401
+        mine = [run(name, *rest, file=file)] if file and not name.startswith("create") else []
         assert [run(name, *rest, file=file, password="wrong"), run(name, *rest, file=file, storage=n + 1),
-                run(name, *rest, file=file, drive="smb://nowhere/x")] == [1, 401, 1], name
-    for name, rest in [("write_app_storage_file", ["false", "x", "0"]), ("read_app_storage_file", ["0", "0"]),
-                       ("get_app_storage_file_info", []), ("copy_app_storage_file", [DRIVE]),
-                       ("delete_app_storage_file", [])]:
-        assert run(name, *rest) == 401, name  # no such file yet
+                run(name, *rest, file=file, drive="smb://nowhere/x"), *mine] == [1, 401, 1] + [401] * len(mine), name
     assert [run("create_app_storage_file"), run("create_app_storage_file")] == [0, 1]  # not 52
     for mode, text, count in [("false", "Hello, world", "0"), ("true", "<&>", "0"), ("anything", "abcdef", "2"),
                               ("yes", "XY", "50")]:
@@ -100,9 +95,8 @@ def test_delete_storages_and_blanks_in_drive_names(host, drives):
     (drives / "My/keep").write_bytes(b"k")
     (drives / "My Drive/keep too").write_bytes(b"k")
     a, b = create(host, "p", "My Drive"), create(host, "q", "My Drive")
-    assert host.run("create_app_storage_file", "f g", "My Drive", str(a), "p").result == 0
-    assert host.run("copy_app_storage_file", "f g", "My Drive", str(a), "p", "My Drive").result == 0
-    assert host.run("delete_app_storage_file", "f g", "My Drive", str(a), "p").result == 0
+    for name, *rest in [("create_app_storage_file",), ("copy_app_storage_file", "My Drive"), ("delete_app_storage_file",)]:
+        assert host.run(name, "f g", "My Drive", str(a), "p", *rest).result == 0, name
     assert [host.run("delete_app_storage", "My Drive", str(a), pw).result for pw in ("q", "p", "p")] == [1, 0, 401]
     assert not storage_dir(a, "My Drive").exists() and storage_dir(b, "My Drive").exists()
     assert [host.run("delete_all_app_storage", d).result for d in ("My Drive", "My Drive", "smb://x/y")] == [0, 401, 1]
@@ -110,21 +104,16 @@ def test_delete_storages_and_blanks_in_drive_names(host, drives):
 
 
 def test_no_room_is_403_and_read_only_is_402(host, drives):
-    reserved = drives / ".reserved"
-    reserved.mkdir()
-    n = create(host, "", ".reserved")  # needs no room
-    (storage_dir(n, ".reserved") / "f").write_bytes(b"abc")
+    [(drives / d).mkdir() for d in (".reserved", DRIVE)]
+    reserved, n, m = drives / ".reserved", create(host, "", ".reserved"), create(host, "m")  # the first needs no room
+    for file in storage_dir(n, ".reserved") / "f", storage_dir(m) / "g":
+        file.write_bytes(b"abc")
     (reserved / "filler").write_bytes(b"\1" * 20971520)
-    assert host.run("create_app_storage", ".reserved", "pw").result == 403
-    assert host.run("write_app_storage_file", "f", ".reserved", str(n), "", "true", "x", "0").result == 403
-    (drives / DRIVE).mkdir()
-    m = create(host, "m")
-    (storage_dir(m) / "g").write_bytes(b"abc")
-    assert host.run("copy_app_storage_file", "g", DRIVE, str(m), "m", ".reserved").result == 403
+    write = ("write_app_storage_file", "f", ".reserved", str(n), "", "true", "x", "0")
+    assert [host.run(*w).result for w in [("create_app_storage", ".reserved", "pw"), write,
+                                          ("copy_app_storage_file", "g", DRIVE, str(m), "m", ".reserved")]] == [403] * 3
     (reserved / "filler").unlink()
-    assert host.run("write_app_storage_file", "f", ".reserved", str(n), "", "true", "x", "0").result == 0
+    assert host.run(*write).result == 0
     assert (storage_dir(n, ".reserved") / "f").read_bytes() == b"abcx" and not (reserved / "g").exists()
-    (drives / "RO").mkdir()
-    for args in (["--bind", "RO", "RO"], ["-o", "remount,bind,ro", "RO"]):
-        subprocess.run(["mount", *args], check=True, cwd=drives)
+    mount(drives / "RO", "ro")
     assert host.run("create_app_storage", "RO", "pw").result == 402

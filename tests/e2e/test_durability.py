@@ -1,8 +1,5 @@
-"""Nothing is lost when the power goes: the system calls of a batch move
-across drives and of a password change, recorded with strace, show every
-copy durable (its data and its name: an fsync of the file and of its folder,
-or a sync(), completed) before its source is removed, and the new identity
-file durable before it replaces the old one."""
+"""Nothing is lost when the power goes: strace shows every copy of a batch move durable (an fsync of the file and of
+its folder, or a sync()) before its source is removed, and a new identity file durable before it replaces the old."""
 import os
 import re
 import signal
@@ -12,9 +9,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import CROSS, DRIVES
+from conftest import CROSS, mount
 from test_appstore import DRIVE, create, storage_dir
-from test_transfer import events, mount_tmpfs, select_paths  # noqa: F401 (a fixture)
+from test_transfer import select_paths
 
 pytestmark = pytest.mark.skipif(CROSS, reason="strace follows the emulator, not the player's calls")
 
@@ -22,9 +19,7 @@ CALLS = "openat,mkdir,mkdirat,write,pwrite64,fsync,fdatasync,sync,syncfs,unlink,
 LINE = re.compile(r"^(\d+)\s+(.*)$")
 
 
-class Trace:
-    """strace -f on a running host; calls as (start, end, name, text) in the
-    order the lines were written (end: the line holding the result)."""
+class Trace:  # strace -f on a running host; calls(): (start line, line of the result, name, text)
 
     def __init__(self, pid):
         self.out = Path(f"/tmp/strace.{pid}")
@@ -40,9 +35,7 @@ class Trace:
         self.proc.wait()
         pending, calls = {}, []
         for i, raw in enumerate(self.out.read_text().splitlines()):
-            pid, text = LINE.match(raw).groups()
-            if text.startswith(("---", "+++")):
-                continue
+            pid, text = LINE.match(raw).groups()  # (no signal lines; exit lines hold no call)
             if text.endswith("<unfinished ...>"):
                 pending[pid] = (i, text[:-len("<unfinished ...>")])
             elif text.startswith("<..."):
@@ -57,21 +50,17 @@ def fd_paths(text):
     return re.findall(r"<(/[^>]*)>", text)
 
 
-def named(text):
-    """The paths a call names: each quoted word, also below the folder of the descriptor before it."""
+def named(text):  # the paths a call names: each quoted word, also below the folder of the descriptor before it
     words = re.findall(r'"([^"]*)"', text)
     return words + [p + "/" + w for p, w in zip(fd_paths(text), words)]
 
 
-def completed(calls, name, path, after, before):
-    """A call `name` on `path` (None: any) that succeeded strictly between the
-    two line numbers."""
+def completed(calls, name, path, after, before):  # `name` on `path` (None: any) succeeded strictly between the lines
     return any(n == name and after < end < before and text.rstrip().endswith("= 0")
                and (path is None or path in fd_paths(text)) for _, end, n, text in calls)
 
 
-def durable(calls, path, before, name=True):
-    """Data (and name) of path durable before line `before`."""
+def durable(calls, path, before, name=True):  # data (and name) of path durable before line `before`
     made = [end for _, end, n, t in calls if path in named(t) and (n in ("mkdir", "mkdirat") or "O_CREAT" in t)]
     assert made, f"{path} never made"
     data = max(made + [end for _, end, n, t in calls if n in ("write", "pwrite64") and fd_paths(t)[:1] == [path]])
@@ -80,8 +69,7 @@ def durable(calls, path, before, name=True):
         (not name or completed(calls, "fsync", os.path.dirname(path), made[-1], before)))
 
 
-def removals(calls, root):
-    """Line numbers at which something under root starts being removed."""
+def removals(calls, root):  # lines at which something under root starts being removed
     return [start for start, _, name, text in calls
             if (name in ("unlink", "unlinkat", "rmdir") or name == "execve" and os.path.basename(named(text)[0]) == "rm")
             and any(p == str(root) or p.startswith(f"{root}/") for p in named(text))]
@@ -90,7 +78,7 @@ def removals(calls, root):
 def test_batch_move_removes_no_source_before_its_copy_is_durable(fresh_host, drives, events):
     src, other = drives / "USB1", drives / "USB2"
     src.mkdir()
-    mount_tmpfs(other, "64m")
+    mount(other, "-t", "tmpfs", "-o", "size=64m", "x")
     (src / "film.mkv").write_bytes(os.urandom(3 * 1048576 + 777))
     for sub in ("tree/a", "tree/a/b", "tree/c"):
         (src / sub).mkdir(parents=True)

@@ -1,6 +1,5 @@
-"""Hostile input, damaged state files and a long run in one host process: every request may come from any device on
-the LAN. The plug-in answers with a result code, runs no command it was not asked to, changes nothing but the
-request's own target and keeps its memory and descriptors bounded."""
+"""Hostile input, damaged state files and a long run: the plug-in answers with a result code, runs no command it was
+not asked to, changes nothing but the request's own target and keeps its memory and descriptors bounded."""
 import fcntl
 import json
 import os
@@ -20,8 +19,7 @@ KNOWN_CODES = {0, 1, 2, 4, 8, 11, 12, 19, 22, 27, 29, 30, 52, 60, 61, 401, 402, 
 known_code = lambda result: result in KNOWN_CODES or 1000 <= result < 1256  # noqa: E731
 
 
-def tree_digest(root, exclude=()):
-    """{relative path: (mode, content digest)} below root but the excluded relative paths and what lies below them."""
+def tree_digest(root, exclude=()):  # {relative path: (mode, content)} below root but the excluded paths and their trees
     out, base, excluded = {}, os.fsencode(root), [os.fsencode(e) for e in exclude]
     for dirpath, dirnames, filenames in os.walk(base):
         for full in (os.path.join(dirpath, n) for n in dirnames + filenames):
@@ -31,22 +29,19 @@ def tree_digest(root, exclude=()):
     return out
 
 
-def long_path(total):
-    """A client path of exactly total bytes below the drive (components of 200 bytes: legal names)."""
+def long_path(total):  # a client path of exactly total bytes below the drive (components of 200 bytes)
     path = DRIVE + "/"
     while len(path) < total:
         path += "d" * min(200, total - len(path)) + "/"
     return path[:total].rstrip("/").ljust(total, "e")
 
 
-# Names that a shell, a printf or an option parser would read as something else. Each becomes a file in Box/ (when it
-# is a legal name).
+# Names a shell, a printf or an option parser would read as something else; each a file in Box/ (when legal).
 HOSTILE_NAMES = [
     b'quote"d', b"apos'trophe", b"$(touch /tmp/canary)", b"`touch /tmp/canary`", b"a;touch /tmp/canary",
     b"a|touch /tmp/canary", b"a&touch /tmp/canary&", b'x"; rm -rf "/opt/vtrhttpd/localhost.drives/' + DRIVE.encode()
     + b'/Keep', b"line\nfeed", b"%s%n%x%s%n%s", b"-rf", b"--help", b"n" * 255, b"bad\xff\xfeutf8\xc3(",
 ]
-# Client paths that do not fit: the 4095- and 4096-byte paths.
 LONG_PATHS = [long_path(4095).encode(), long_path(4096).encode()]
 
 
@@ -64,52 +59,43 @@ def _prepare(drives):
 _app_storage = lambda host: host.run("create_app_storage", DRIVE, "pw").tree.text_of("id").decode()  # noqa: E731
 
 
-# One row per sub-command that takes a path (or a name that becomes one):
-# (name, build(target client path, hostile name, app id) -> arguments,
-#  the request's own targets relative to the drive, given the hostile name).
-def own(folder, n):
-    """A hostile name's entries in folder: its first component (a folder a "/" made) and its last."""
-    return [folder + n.split(b"/")[0], folder + n.split(b"/")[-1]]
+def own(*folders):  # the request's own targets: in each folder the name's first component (a "/" made it) and last
+    return lambda n: [f + n.split(b"/")[k] for f in folders for k in (0, -1)]
 
 
-BOX = DRIVE + "/Box/"
-OUT = DRIVE + "/Out/"
+BOX, OUT, NONE, APPS = DRIVE + "/Box/", DRIVE + "/Out/", own(), lambda n: [b".vtr_apps"]
+# (sub-command, build(client path, hostile name, app id) -> arguments, own targets(hostile name))
 ROWS = [
-    ("list_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", ""], lambda n: []),
-    ("list_user_storage_file", lambda p, n, i: [p, "0", "5", "true", "true", "true", "", "name_asc", "true"],
-     lambda n: []),
-    ("search_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", "", n, "true"],
-     lambda n: []),
-    ("search_user_storage_file", lambda p, n, i: [DRIVE, "0", "0", "true", "true", "true", "", n, "true"],
-     lambda n: []),
-    ("create_user_storage_file", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
-    ("write_user_storage_file", lambda p, n, i: [p, "false", n, "0"], lambda n: own(b"Box/", n)),
-    ("read_user_storage_file", lambda p, n, i: [p, "0", "0"], lambda n: []),
-    ("get_user_storage_file_info", lambda p, n, i: [p], lambda n: []),
-    ("copy_user_storage_file", lambda p, n, i: [p, OUT], lambda n: own(b"Out/", n)),
-    ("move_user_storage_file", lambda p, n, i: [p, OUT], lambda n: own(b"Box/", n) + own(b"Out/", n)),
-    ("backup_user_storage_file", lambda p, n, i: [p, OUT.encode() + n, "true"], lambda n: own(b"Out/", n)),
-    ("delete_user_storage_file", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
-    ("create_user_storage_directory", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
-    ("rename_user_storage_file", lambda p, n, i: [p, OUT.encode() + n], lambda n: own(b"Box/", n) + own(b"Out/", n)),
-    ("select_user_storage_file_to_list", lambda p, n, i: [p, "select"], lambda n: []),
+    ("list_user_storage_file", lambda p, n, i: [p, "0", "5", "true", "true", "true", "", "name_asc", "true"], NONE),
+    ("search_user_storage_file", lambda p, n, i: [p, "0", "0", "true", "true", "true", "", n, "true"], NONE),
+    ("search_user_storage_file", lambda p, n, i: [DRIVE, "0", "0", "true", "true", "true", "", n, "true"], NONE),
+    ("create_user_storage_file", lambda p, n, i: [p], own(b"Box/")),
+    ("write_user_storage_file", lambda p, n, i: [p, "false", n, "0"], own(b"Box/")),
+    ("read_user_storage_file", lambda p, n, i: [p, "0", "0"], NONE),
+    ("get_user_storage_file_info", lambda p, n, i: [p], NONE),
+    ("copy_user_storage_file", lambda p, n, i: [p, OUT], own(b"Out/")),
+    ("move_user_storage_file", lambda p, n, i: [p, OUT], own(b"Box/", b"Out/")),
+    ("backup_user_storage_file", lambda p, n, i: [p, OUT.encode() + n, "true"], own(b"Out/")),
+    ("delete_user_storage_file", lambda p, n, i: [p], own(b"Box/")),
+    ("create_user_storage_directory", lambda p, n, i: [p], own(b"Box/")),
+    ("rename_user_storage_file", lambda p, n, i: [p, OUT.encode() + n], own(b"Box/", b"Out/")),
+    ("select_user_storage_file_to_list", lambda p, n, i: [p, "select"], NONE),
     # Batches with a hostile destination, over an empty selection.
-    ("copy_user_storage_file_from_list", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
-    ("move_user_storage_file_from_list", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
-    ("search_user_storage_subtitle", lambda p, n, i: [p], lambda n: []),
-    ("calculate_user_storage_file_hash", lambda p, n, i: [p], lambda n: []),
-    ("verify_user_storage_download_status", lambda p, n, i: [p], lambda n: []),
-    ("download_user_storage_file", lambda p, n, i: [BOX, "http://127.0.0.1:9/x", n], lambda n: own(b"Box/", n)),
-    ("get_user_storage_file_index", lambda p, n, i: [os.fsencode(DRIVES) + b"/" + p, "", "name_asc", "true", "true"],
-     lambda n: []),
-    ("create_app_storage", lambda p, n, i: [p, "pw"], lambda n: own(b"Box/", n)),
-    ("create_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: [b".vtr_apps"]),
-    ("write_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "false", n, "0"], lambda n: [b".vtr_apps"]),
-    ("read_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "0", "0"], lambda n: []),
-    ("get_app_storage_file_info", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: []),
-    ("copy_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", p], lambda n: own(b"Box/", n)),
-    ("delete_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], lambda n: [b".vtr_apps"]),
-    ("delete_all_app_storage", lambda p, n, i: [p], lambda n: own(b"Box/", n)),
+    ("copy_user_storage_file_from_list", lambda p, n, i: [p], own(b"Box/")),
+    ("move_user_storage_file_from_list", lambda p, n, i: [p], own(b"Box/")),
+    ("search_user_storage_subtitle", lambda p, n, i: [p], NONE),
+    ("calculate_user_storage_file_hash", lambda p, n, i: [p], NONE),
+    ("verify_user_storage_download_status", lambda p, n, i: [p], NONE),
+    ("download_user_storage_file", lambda p, n, i: [BOX, "http://127.0.0.1:9/x", n], own(b"Box/")),
+    ("get_user_storage_file_index", lambda p, n, i: [os.fsencode(DRIVES) + b"/" + p, "", "name_asc", "true", "true"], NONE),
+    ("create_app_storage", lambda p, n, i: [p, "pw"], own(b"Box/")),
+    ("create_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], APPS),
+    ("write_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "false", n, "0"], APPS),
+    ("read_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", "0", "0"], NONE),
+    ("get_app_storage_file_info", lambda p, n, i: [n, DRIVE, i, "pw"], NONE),
+    ("copy_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw", p], own(b"Box/")),
+    ("delete_app_storage_file", lambda p, n, i: [n, DRIVE, i, "pw"], APPS),
+    ("delete_all_app_storage", lambda p, n, i: [p], own(b"Box/")),
 ]
 
 
@@ -129,17 +115,13 @@ def test_hostile_paths_and_names(host, drives, fake_bin, row):
         assert known_code(answer.result), f"{where}: result {answer.result}"
         assert not CANARY.exists(), f"{where}: an injected command ran"
         assert state() == before, f"{where}: something beside the target changed"
-        # The selection keeps a local path as received: only the batch commands translate it.
         if len(path) >= 4095 and any(isinstance(a, bytes) and path in a for a in args) and "to_list" not in name:
             assert answer.result != 0, f"{where}: an over-long path was accepted"
     assert host.stats()["orphan_nodes"] == 0
 
 
-# ---------------------------------------------------------------- damaged state files
-
 def test_damaged_state_files(host, drives):
-    """Listing caches and identity files with any content: no change to the drives, no leaked answer nodes, a damaged
-    cache never stands in for a real listing. (Selection and network answer files: fuzz targets.)"""
+    # Any content: a damaged cache never stands in for a real listing. (Selection and network answers: fuzz targets.)
     drive = _prepare(drives)
     before = tree_digest(drive)
     listing = [f"{DRIVE}/Keep", "0", "0", "true", "true", "true", "", "name_asc"]
@@ -157,19 +139,14 @@ def test_damaged_state_files(host, drives):
     identity = folder / f".id_{app_id}"
     for content in [b"", b"a", b"\0" * 300, os.urandom(300), b"f" * 5000, identity.read_bytes()[:3]]:
         identity.write_bytes(content)
-        for args in (("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"),
-                     ("delete_app_storage", DRIVE, app_id, "pw"),
-                     ("change_app_storage_password", DRIVE, app_id, "pw", "new", "new")):
-            assert host.run(*args).result == 1, (content[:20], args[0])  # verifies no password: the storage stays
-            assert (folder / "f.txt").exists()
+        runs = [host.run(*args).result for args in (("read_app_storage_file", "f.txt", DRIVE, app_id, "pw", "0", "0"),
+                ("delete_app_storage", DRIVE, app_id, "pw"), ("change_app_storage_password", DRIVE, app_id, "pw", "new", "new"))]
+        assert runs == [1, 1, 1] and (folder / "f.txt").exists(), content[:20]  # verifies no password: the storage stays
     assert host.stats()["orphan_nodes"] == 0
 
 
-# ---------------------------------------------------------------- long run
-
 def test_long_run_memory_and_descriptors(fresh_host, drives):
-    """VTR_LONG_RUN_REQUESTS mixed requests (default 20000) in one process: resident memory grows by less than 1 MiB
-    after a warm-up; the open descriptors come back to their number once the last batch thread ended."""
+    # VTR_LONG_RUN_REQUESTS (20000) requests after a warm-up: less than 1 MiB more resident memory, as many descriptors.
     if HOST_WRAPPER or CROSS:
         pytest.skip("the process is a wrapper or an emulator: its memory is not the host's")
     host, pid, m = fresh_host, fresh_host.proc.pid, f"{DRIVE}/Keep"

@@ -1,15 +1,10 @@
-"""list_user_storage_file through the reference host: local folders, the top level with drives, the disc and network
-shares, network folders through the network client double (its request line and answer file; this file also holds
-the double's checks), and the listing cache read back byte by byte. (Share-list paging, sort and filter tables and
-the answer-file parser have unit tables.)"""
-import os
+"""list_user_storage_file: local folders, the top level with drives, disc and shares, network folders through the
+network client double, and the listing cache read back byte by byte. (Paging, sort and filter tables: unit.)"""
 import stat
 import struct
 from pathlib import Path
 
 import pytest
-
-from conftest import DRIVES, NETFS_CLIENT
 
 HEADER = struct.Struct("<IIBBB32s257siii256s")
 ENTRY = struct.Struct("<iIQ16sB127s512s")

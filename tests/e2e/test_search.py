@@ -1,6 +1,5 @@
-"""search_user_storage_file and get_user_storage_file_index through the host over a network share: the network
-client's request lines, the answers and the network error mapping. (Local searches and indexes, classification,
-paging, counting and sort tables: search_test, file_index_test.)"""
+"""Search and file index over a network share: the network client's request lines, the answers, the error mapping.
+(Local searches and indexes: unit.)"""
 from pathlib import Path
 
 URL = "smb://nas/public"

@@ -1,5 +1,4 @@
-"""Hostile names, planted links, concurrent batches and the opt-in
-confinement of client paths to the drives root."""
+"""Hostile names, planted links, concurrent batches and the opt-in confinement of client paths to the drives root."""
 import shutil
 from pathlib import Path
 
@@ -9,7 +8,6 @@ from conftest import DRIVES, OPT, make_fake
 
 FSLIST = Path("/tmp/fslist")
 OUTSIDE = OPT / "outside"  # beside the drives root: "../outside" from it
-END = "<whole>101</whole>"
 
 
 @pytest.fixture
@@ -20,17 +18,18 @@ def usb(drives, fake_bin):
     Path("/tmp/usb_name.txt").write_text("USB1|Stick\n")
     (drives / "USB1").mkdir()
     make_fake(fake_bin, "wget", "exit 0\n")  # the server probe answers
-    yield drives / "USB1"
-    shutil.rmtree(OUTSIDE, ignore_errors=True)
+    return drives / "USB1"
 
 
-def wait_ends(pipe, count=1):
-    return pipe.wait_for(lambda ls: sum(END in l for l in ls) >= count, 60)
+def run_batch(host, pipe, selected, *words):  # selects one path and runs a batch to its end
+    assert host.run("select_user_storage_file_to_list", selected, "select").result == 0
+    assert host.run(*words).result == 0
+    pipe.wait_end()
 
 
 @pytest.mark.parametrize("batch", [["delete_user_storage_file_from_list"],
                                    ["copy_user_storage_file_from_list", str(OUTSIDE / "dst")]])
-def test_line_breaks_never_forge_selection_records(host, usb, framework_pipe, batch):
+def test_line_breaks_never_forge_selection_records(host, usb, events, batch):
     (OUTSIDE / "dst").mkdir()
     (OUTSIDE / "victim").write_text("v")
     forged = usb / "clip.mkv\n1|victim\n1|x.mkv"
@@ -38,12 +37,11 @@ def test_line_breaks_never_forge_selection_records(host, usb, framework_pipe, ba
     for name in (str(forged), f"{usb}/a\rb"):
         assert host.run("select_user_storage_file_to_list", name, "select").result == 8
     assert not FSLIST.exists()
-    # A damaged selection file with relative records (the host works in
-    # "/"): reported, skipped.
+    # A damaged selection file with relative records (the host works in "/"): reported, skipped.
     (usb / "go").write_text("g")
     FSLIST.write_text(f"1|L|opt/vtrhttpd/outside/victim\n1|Stick|{usb}/go\n")
     assert host.run(*batch).result == 0
-    lines = wait_ends(framework_pipe)
+    lines = events.wait_end()
     assert sum("<status>11</status>" in l for l in lines) == 1
     assert (OUTSIDE / "victim").read_text() == "v" and forged.exists()
     assert sorted(p.name for p in (OUTSIDE / "dst").iterdir()) == (["go"] if len(batch) > 1 else [])
@@ -69,7 +67,7 @@ CONFINED = [
 
 
 @pytest.mark.parametrize("confine", [False, True])
-def test_confinement_switch(host, usb, config, framework_pipe, confine):
+def test_confinement_switch(host, usb, config, events, confine):
     (usb / "in.txt").write_text("in")
     (usb / "out").symlink_to(OUTSIDE)
     if confine:
@@ -78,7 +76,7 @@ def test_confinement_switch(host, usb, config, framework_pipe, confine):
     assert got == [on if confine else off for _, _, off, on in CONFINED]
     assert (OUTSIDE / "new.txt").exists() != confine
     if not confine:
-        wait_ends(framework_pipe)
+        events.wait_end()
 
 
 def copy_folder_with_link(host, usb, pipe):
@@ -86,9 +84,7 @@ def copy_folder_with_link(host, usb, pipe):
     (usb / "f" / "inside").symlink_to(OUTSIDE)
     (usb / "f" / "kept.txt").write_text("k")
     (usb / "dst").mkdir()
-    assert host.run("select_user_storage_file_to_list", f"{usb}/f", "select").result == 0
-    assert host.run("copy_user_storage_file_from_list", f"{usb}/dst").result == 0
-    wait_ends(pipe)
+    run_batch(host, pipe, f"{usb}/f", "copy_user_storage_file_from_list", f"{usb}/dst")
     assert sorted(p.name for p in (usb / "dst" / "f").iterdir()) == ["kept.txt"]
 
 
@@ -96,9 +92,7 @@ def copy_onto_dangling_link(host, usb, pipe):
     (usb / "a.txt").write_text("a")
     (usb / "dst").mkdir()
     (usb / "dst" / "a.txt").symlink_to(OUTSIDE / "made.txt")
-    assert host.run("select_user_storage_file_to_list", f"{usb}/a.txt", "select").result == 0
-    assert host.run("copy_user_storage_file_from_list", f"{usb}/dst").result == 0
-    wait_ends(pipe)
+    run_batch(host, pipe, f"{usb}/a.txt", "copy_user_storage_file_from_list", f"{usb}/dst")
     assert not (OUTSIDE / "made.txt").exists()
 
 
@@ -114,20 +108,18 @@ def write_through_link(host, usb, pipe):
 
 def delete_link_to_folder(host, usb, pipe):
     (usb / "l").symlink_to(OUTSIDE)
-    assert host.run("select_user_storage_file_to_list", f"{usb}/l", "select").result == 0
-    assert host.run("delete_user_storage_file_from_list").result == 0
-    wait_ends(pipe)
+    run_batch(host, pipe, f"{usb}/l", "delete_user_storage_file_from_list")
     assert not (usb / "l").is_symlink()
 
 
 @pytest.mark.parametrize("case", [copy_folder_with_link, copy_onto_dangling_link, probe_through_link,
                                   write_through_link, delete_link_to_folder])
-def test_planted_links_are_never_followed_out(host, usb, framework_pipe, case):
-    case(host, usb, framework_pipe)
+def test_planted_links_are_never_followed_out(host, usb, events, case):
+    case(host, usb, events)
     assert (OUTSIDE / "secret.txt").read_text() == "secret"
 
 
-def test_a_batch_owns_its_selection(host, usb, framework_pipe, fake_bin):
+def test_a_batch_owns_its_selection(host, usb, events, fake_bin):
     # A slow "mv" keeps a move on one drive busy, then fails and stops it.
     make_fake(fake_bin, "mv", "sleep 2\nexit 1\n")
     (usb / "dst").mkdir()
@@ -138,9 +130,10 @@ def test_a_batch_owns_its_selection(host, usb, framework_pipe, fake_bin):
     assert host.run("delete_user_storage_file_from_list").result == 2
     assert host.run("copy_user_storage_file_from_list", str(OUTSIDE)).result == 2
     assert host.run("select_user_storage_file_to_list", f"{usb}/b", "select").result == 0
-    lines = wait_ends(framework_pipe)
+    lines = events.wait_end()
     assert (usb / "b").exists() and all("<total>1</total>" in l for l in lines[1:-1])
     # The unfinished record goes back in front of the newer selection.
     assert FSLIST.read_text() == f"1|Stick|{usb}/a\n1|Stick|{usb}/b\n"
+    events.clear()
     assert host.run("copy_user_storage_file_from_list", str(OUTSIDE)).result == 0
-    wait_ends(framework_pipe, 2)
+    events.wait_end()
